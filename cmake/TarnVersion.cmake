@@ -1,0 +1,20 @@
+# tarn_read_version(<header> <out>): the version "major.minor.patch" that the macros
+# TARN_VERSION_MAJOR, _MINOR and _PATCH of the header state. The header is its only source.
+function(tarn_read_version header out)
+  set(parts)
+  foreach(part MAJOR MINOR PATCH)
+    set(line)
+    if(EXISTS "${header}")
+      file(STRINGS "${header}" line LIMIT_COUNT 1
+           REGEX "^#[ \t]*define[ \t]+TARN_VERSION_${part}[ \t]+[0-9]+")
+    endif()
+    if(NOT line)
+      message(FATAL_ERROR "${header} does not define TARN_VERSION_${part} as a plain number")
+    endif()
+    string(REGEX REPLACE "^.*TARN_VERSION_${part}[ \t]+([0-9]+).*$" "\\1" number "${line}")
+    list(APPEND parts "${number}")
+  endforeach()
+  list(JOIN parts "." version)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${header}")
+  set(${out} "${version}" PARENT_SCOPE)
+endfunction()

@@ -1,0 +1,128 @@
+// Spine of the layer: counted start-up and teardown of the modules, and the generic close.
+//
+// tarn_init() and tarn_uninit() are called from the main thread only, before threads start and
+// after they have been stopped, so the count needs no lock.
+
+#include "tarn.h"
+
+#include "tarn_critical_section.h"
+#include "tarn_event.h"
+#include "tarn_modules.h"
+#include "tarn_semaphore.h"
+#include "tarn_thread.h"
+
+#include <algorithm>
+
+namespace tarn
+{
+namespace
+{
+
+constexpr std::array<module_stop, module_count> in_reverse(
+    std::array<module_stop, module_count> table)
+{
+    std::reverse(table.begin(), table.end());
+    return table;
+}
+
+} // namespace
+
+#define TARN_MODULE_START(name) tarn_##name##_init,
+#define TARN_MODULE_STOP(name) tarn_##name##_uninit,
+constinit std::array<module_start, module_count> module_start_table = {
+    TARN_MODULE_LIST(TARN_MODULE_START)};
+constinit std::array<module_stop, module_count> module_stop_table =
+    in_reverse({TARN_MODULE_LIST(TARN_MODULE_STOP)});
+#undef TARN_MODULE_START
+#undef TARN_MODULE_STOP
+
+} // namespace tarn
+
+namespace
+{
+
+/** Users of the layer: 0 is not started, negative after a teardown too many. */
+int32_t init_count = 0;
+
+bool start_modules()
+{
+    for (size_t i = 0; i < tarn::module_count; ++i)
+    {
+        if (!tarn::module_start_table[i]())
+        {
+            TARN_LOG_FATAL("failed at %d", static_cast<int>(i));
+            // Entries i-1 to 0 of the teardown table, which is in reverse order: the last i
+            // modules of the start-up order, not those that have started. Every teardown accepts
+            // a module that never started, every start-up one that was not torn down.
+            for (size_t k = i; k-- > 0;)
+            {
+                tarn::module_stop_table[k]();
+            }
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+bool tarn_init(void)
+{
+    if (init_count == 0 && !start_modules())
+    {
+        return false;
+    }
+    ++init_count;
+    TARN_LOG_TRACE("init_count = %d", init_count);
+    return true;
+}
+
+void tarn_uninit(void)
+{
+    TARN_LOG_TRACE("init_count = %d", init_count);
+    if (init_count == 1)
+    {
+        for (const tarn::module_stop stop : tarn::module_stop_table)
+        {
+            stop();
+        }
+    }
+    // No guard: a teardown without a start-up leaves -1.
+    --init_count;
+}
+
+void tarn_close_handle(void *handle)
+{
+    if (handle == nullptr)
+    {
+        return;
+    }
+    switch (static_cast<const tarn_handle_header *>(handle)->type)
+    {
+    case TARN_HANDLE_TYPE_CRITICAL_SECTION:
+        tarn_critical_section_destroy(static_cast<TARN_CRITICAL_SECTION>(handle));
+        break;
+    case TARN_HANDLE_TYPE_EVENT:
+        tarn_event_destroy(static_cast<TARN_EVENT>(handle));
+        break;
+    case TARN_HANDLE_TYPE_SEMAPHORE:
+        tarn_semaphore_destroy(static_cast<TARN_SEMAPHORE>(handle));
+        break;
+    case TARN_HANDLE_TYPE_THREAD:
+        tarn_thread_stop(static_cast<TARN_THREAD>(handle));
+        break;
+    default: // no kind, and tags that are not in use
+        break;
+    }
+}
+
+void tarn_close_handle_dbg(void *handle, const char *file, int line, const char *func)
+{
+    TARN_LOG_INFO("from [%s:%d:%s] obj_h = [%p]", file, line, func, handle);
+    tarn_close_handle(handle);
+}
+
+const char *tarn_version(void)
+{
+    return TARN_VERSION_STRING;
+}

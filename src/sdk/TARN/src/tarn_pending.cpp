@@ -1,0 +1,36 @@
+// Start-up and teardown of modules that have their place in the table but no code yet.
+
+#include "tarn_modules.h"
+
+#define TARN_PENDING_MODULE(name)                                                                  \
+    bool tarn_##name##_init(void)                                                                  \
+    {                                                                                              \
+        return true;                                                                               \
+    }                                                                                              \
+    void tarn_##name##_uninit(void) {}
+
+TARN_PENDING_MODULE(ringbuf)
+TARN_PENDING_MODULE(file)
+TARN_PENDING_MODULE(dir)
+TARN_PENDING_MODULE(list)
+TARN_PENDING_MODULE(shm)
+TARN_PENDING_MODULE(shmx)
+TARN_PENDING_MODULE(mutex)
+TARN_PENDING_MODULE(rwlock)
+TARN_PENDING_MODULE(serial)
+TARN_PENDING_MODULE(socket)
+TARN_PENDING_MODULE(thread_pool)
+TARN_PENDING_MODULE(timer)
+TARN_PENDING_MODULE(str)
+TARN_PENDING_MODULE(data)
+TARN_PENDING_MODULE(ipc)
+TARN_PENDING_MODULE(algorithm)
+TARN_PENDING_MODULE(regex)
+TARN_PENDING_MODULE(hash)
+TARN_PENDING_MODULE(mhash)
+TARN_PENDING_MODULE(dll)
+TARN_PENDING_MODULE(pipe)
+TARN_PENDING_MODULE(util)
+TARN_PENDING_MODULE(conn)
+TARN_PENDING_MODULE(rpc)
+TARN_PENDING_MODULE(md5)
