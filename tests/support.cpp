@@ -178,22 +178,21 @@ std::vector<std::string> log_capture::messages() const
 size_t log_capture::count(std::string_view text) const
 {
     const std::lock_guard guard(state.lock);
-    return static_cast<size_t>(std::count_if(state.captured.begin(), state.captured.end(),
-                                             [&](const std::string &line)
-                                             { return line.find(text) != std::string::npos; }));
+    return static_cast<size_t>(
+        std::count_if(state.captured.begin(), state.captured.end(), [&](const std::string &line) {
+            return line.find(text) != std::string::npos;
+        }));
 }
 
 bool log_capture::contains(std::string_view level, std::string_view text) const
 {
     const std::lock_guard guard(state.lock);
     const std::string tag = "." + std::string(level) + " ";
-    return std::any_of(state.captured.begin(), state.captured.end(),
-                       [&](const std::string &line)
-                       {
-                           const size_t at = line.find(tag);
-                           return at != std::string::npos && at < line.find('[') &&
-                                  line.find(text) != std::string::npos;
-                       });
+    return std::any_of(state.captured.begin(), state.captured.end(), [&](const std::string &line) {
+        const size_t at = line.find(tag);
+        return at != std::string::npos && at < line.find('[') &&
+               line.find(text) != std::string::npos;
+    });
 }
 
 bool log_capture::wait_for(std::string_view text, uint32_t timeout_ms) const

@@ -23,8 +23,7 @@ struct closer
 bool event_arrives_from_thread()
 {
     const std::unique_ptr<tarn_event, closer> event(tarn_event_create(false, false));
-    const auto ring = [](void *arg, void *) -> void *
-    {
+    const auto ring = [](void *arg, void *) -> void * {
         tarn_event_set(static_cast<TARN_EVENT>(arg));
         return nullptr;
     };

@@ -51,12 +51,14 @@ TARN_API uint64_t tarn_thread_run_once(void (*fn)(void *arg), void *arg);
 
 /** Stop a loop thread and release its handle.
  *  From another thread: asks the loop to end, which it does before its next call, and waits for
- *  the thread; hold no lock that proc takes. From the thread itself: returns at once; the loop ends
+ *  the thread; hold no lock that proc takes; it is no cancellation point. Threads that stop one
+ *  another in a circle are told apart: one of them does not wait (WARN) and the other is cancelled.
+ *  From the thread itself: returns at once; the loop ends
  *  after the current call and frees the object. A one-shot thread is left to end by itself.
  *  @param t  null is reported at DEBUG and ignored */
 TARN_API void tarn_thread_stop(TARN_THREAD t);
 
-/** Wait until the thread runs.
+/** Wait until the thread runs; not for a one-shot thread, which may have ended and be gone.
  *  @return true when it has begun within ms. */
 TARN_API bool tarn_thread_wait_for_start(TARN_THREAD t, uint32_t ms);
 

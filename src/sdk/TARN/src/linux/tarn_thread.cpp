@@ -58,10 +58,11 @@ struct tarn_thread
     TARN_EVENT stop_event;
     tarn_thread *next;
     pthread_mutex_t gate;
-    bool one_shot;    ///< fixed at creation: detached, frees itself
-    bool joining;     ///< a stopper joins and frees; under the registry lock
-    bool handed_over; ///< the join failed, the thread frees; under the registry lock
-    bool ended;       ///< the thread touches the object no more; under the registry lock
+    bool one_shot;          ///< fixed at creation: detached, frees itself
+    bool joining;           ///< a stopper joins and frees; under the registry lock
+    bool handed_over;       ///< the join failed, the thread frees; under the registry lock
+    bool ended;             ///< the thread touches the object no more; under the registry lock
+    tarn_thread *waits_for; ///< whose end this thread is joining; under the registry lock
 };
 TARN_ASSERT_RECORD(tarn_thread);
 
@@ -403,10 +404,25 @@ struct stop_ticket
         join,  ///< the caller joins and frees
         detach ///< the caller is the thread itself
     } action;
+    bool deadlock; ///< the thread waits, directly or over others, for the caller's end
     pthread_t thread;
     uint32_t loop_cycle;
     char name[name_size];
 };
+
+/** True when joining t would close a circle. pthread_join() itself misses circles of two threads
+ *  that enter it at the same time, and all longer ones. */
+bool waits_for_caller(const tarn_thread *t) TARN_REQUIRES(registry.lock)
+{
+    for (; t != nullptr && self != nullptr; t = t->waits_for)
+    {
+        if (t == self)
+        {
+            return true;
+        }
+    }
+    return false;
+}
 
 stop_ticket take_for_stop(TARN_THREAD t)
 {
@@ -431,7 +447,12 @@ stop_ticket take_for_stop(TARN_THREAD t)
     else
     {
         ticket.action = stop_ticket::action::join;
+        ticket.deadlock = waits_for_caller(t);
         t->joining = true;
+        if (self != nullptr && !ticket.deadlock)
+        {
+            self->waits_for = t;
+        }
     }
     return ticket;
 }
@@ -453,29 +474,32 @@ bool hand_over(TARN_THREAD t, pthread_t thread, bool cancel)
     return false;
 }
 
-void join_and_free(TARN_THREAD t, pthread_t thread)
+/** Join a thread; not to be cancelled in it, or nobody would free the object.
+ *  @return 0, or an error number: the thread may still run */
+int join(pthread_t thread)
 {
-    // The stopper may be cancelled in the join, for one by a thread that it is stopping and that
-    // stops it in turn.
-    tarn::scope_exit leave_to_thread(
-        [&]
-        {
-            if (hand_over(t, thread, false))
-            {
-                (void)pthread_detach(thread);
-                free_object(t);
-            }
-        });
+    const tarn::cancel_guard no_cancel;
     const int error = pthread_join(thread, nullptr);
-    leave_to_thread.dismiss();
+    if (self != nullptr)
+    {
+        const tarn::lock_guard lock(registry.lock);
+        self->waits_for = nullptr;
+    }
+    return error;
+}
+
+void join_and_free(TARN_THREAD t, const stop_ticket &ticket)
+{
+    const int error = ticket.deadlock ? EDEADLK : join(ticket.thread);
     if (error != 0)
     {
         TARN_LOG_WARN("pthread_join failed, errno = [%d](%s)", error,
                       tarn::error_text(error).c_str());
-        if (!hand_over(t, thread, error != ESRCH))
+        if (!hand_over(t, ticket.thread, error != ESRCH))
         {
             return;
         }
+        (void)pthread_detach(ticket.thread);
     }
     free_object(t);
 }
@@ -517,7 +541,7 @@ void tarn_thread_stop(TARN_THREAD t)
     if (ticket.action == stop_ticket::action::join)
     {
         TARN_LOG_TRACE("try join thread");
-        join_and_free(t, ticket.thread);
+        join_and_free(t, ticket);
     }
     else if (ticket.action == stop_ticket::action::detach)
     {
