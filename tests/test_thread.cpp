@@ -27,6 +27,7 @@ namespace
 struct probe
 {
     std::atomic<int> calls{0};
+    std::atomic<bool> done{false};
     std::atomic<TARN_THREAD> handle{nullptr};
     std::atomic<uint32_t> work_ms{0};
     std::mutex lock;
@@ -58,6 +59,8 @@ struct probe
     }
 };
 
+size_t base_threads = 0;
+
 /** Lets another moment pass in every round. */
 void spin(int round)
 {
@@ -72,6 +75,10 @@ class Thread : public testing::Test
 protected:
     support::layer layer_;
     support::leak_check leaks_;
+    void SetUp() override
+    {
+        base_threads = support::running_threads();
+    }
     void TearDown() override
     {
         EXPECT_TRUE(wait_until([] { return tarn_thread_count() == 0; })) << tarn_thread_count();
@@ -120,9 +127,12 @@ TEST_F(Thread, StopCutsTheWaitShort)
 
 TEST_F(Thread, ReportsItself)
 {
-    static std::atomic<bool> done;
-    done = false;
+    static std::atomic<bool> done{false};
     const auto proc = [](void *arg1, void *arg2) -> void * {
+        if (done)
+        {
+            return nullptr; // the second call, with the cycle that the first one set
+        }
         EXPECT_EQ(arg1, &done);
         EXPECT_EQ(arg2, nullptr);
         EXPECT_STREQ(tarn_thread_self_name(), "a name that is cut to thirty-nine bytes");
@@ -206,7 +216,7 @@ TEST_F(Thread, StackSizesAreRaisedAndReported)
     const std::pair<uint32_t, size_t> cases[] = {{0, 0x200000}, {1000, 16384}, {0x40000, 0x40000}};
     for (const auto &[wanted, given] : cases)
     {
-        if (support::with_sanitizer && given == 16384)
+        if (support::with_sanitizer && given < 0x200000)
         {
             continue; // their runtimes need more
         }
@@ -307,6 +317,7 @@ void *stop_self(void *p, void *)
     tarn_thread_stop(self->handle);
     tarn_thread_stop(self->handle); // ended: not in the registry any more
     EXPECT_TRUE(tarn_thread_sleep(TARN_INFINITE));
+    self->done = true;
     return nullptr;
 }
 
@@ -316,8 +327,8 @@ TEST_F(Thread, MayStopItselfFromItsProc)
     {
         probe p;
         p.handle = tarn_thread_start(stop_self, &p, nullptr, i % 2 == 0 ? 0 : 1000, "self");
-        ASSERT_TRUE(wait_until([] { return tarn_thread_count() == 0; }));
-        ASSERT_TRUE(wait_until([] { return support::running_threads() <= 2; }));
+        ASSERT_TRUE(wait_until([&] { return p.done.load(); }));
+        ASSERT_TRUE(wait_until([] { return support::running_threads() <= base_threads; }));
         EXPECT_EQ(p.calls, 1);
     }
 }
@@ -425,7 +436,7 @@ TEST_F(Thread, TwoThreadsThatStopEachOtherBothEnd)
         other[0] = a;
         other[1] = b;
         ASSERT_TRUE(wait_until([] { return tarn_thread_count() == 0; }));
-        ASSERT_TRUE(wait_until([] { return support::running_threads() <= 2; }));
+        ASSERT_TRUE(wait_until([] { return support::running_threads() <= base_threads; }));
     }
     EXPECT_EQ(log.count("pthread_join failed, errno = [35]"), log.count(".warn [tarn_thread.cpp"));
 }

@@ -113,7 +113,8 @@ bool unregister(const tarn_thread *t) TARN_REQUIRES(registry.lock)
         if (*link == t)
         {
             *link = t->next;
-            tarn::process.thread_count.fetch_sub(1, std::memory_order_relaxed);
+            // Release: who sees the count drop also sees what the thread did.
+            tarn::process.thread_count.fetch_sub(1, std::memory_order_release);
             return true;
         }
     }
@@ -210,14 +211,8 @@ void run_loop(tarn_thread *t)
             continue;
         }
         const uint32_t elapsed = tarn_tick_ms_since(start);
-        if (elapsed < cycle)
-        {
-            (void)tarn_event_wait(t->stop_event, cycle - elapsed);
-        }
-        else
-        {
-            tarn_sleep_ms(1);
-        }
+        // After an overrun the shortest pause, on the stop event too, which a stop cuts short.
+        (void)tarn_event_wait(t->stop_event, elapsed < cycle ? cycle - elapsed : 1);
     }
 }
 
@@ -674,7 +669,7 @@ void tarn_thread_set_priority(TARN_THREAD t, int priority)
 
 uint32_t tarn_thread_count(void)
 {
-    const uint32_t count = tarn::process.thread_count.load(std::memory_order_relaxed);
+    const uint32_t count = tarn::process.thread_count.load(std::memory_order_acquire);
     if (!TARN_LOG_ENABLED(TARN_LOG_LEVEL_DEBUG) || count == 0)
     {
         return count;
