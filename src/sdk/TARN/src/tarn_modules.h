@@ -51,7 +51,7 @@ extern "C"
 #define TARN_DECLARE_MODULE(name)                                                                  \
     bool tarn_##name##_init(void);                                                                 \
     void tarn_##name##_uninit(void);
-    TARN_MODULE_LIST(TARN_DECLARE_MODULE)
+TARN_MODULE_LIST(TARN_DECLARE_MODULE)
 #undef TARN_DECLARE_MODULE
 }
 

@@ -55,8 +55,7 @@ constexpr level_name level_names[] = {
 };
 
 /** The two lower-case digits of every byte; constant, because dumps are made before start-up. */
-constexpr auto hex_table = []
-{
+constexpr auto hex_table = [] {
     constexpr char digits[] = "0123456789abcdef";
     std::array<std::array<char, 3>, 256> table{};
     for (size_t i = 0; i < table.size(); ++i)
