@@ -8,6 +8,7 @@
 #include "tarn_critical_section.h"
 #include "tarn_event.h"
 #include "tarn_modules.h"
+#include "tarn_regex.h"
 #include "tarn_semaphore.h"
 #include "tarn_thread.h"
 
@@ -110,6 +111,9 @@ void tarn_close_handle(void *handle)
         break;
     case TARN_HANDLE_TYPE_THREAD:
         tarn_thread_stop(static_cast<TARN_THREAD>(handle));
+        break;
+    case TARN_HANDLE_TYPE_REGEX:
+        tarn_regex_destroy(static_cast<TARN_REGEX>(handle));
         break;
     default: // no kind, and tags that are not in use
         break;
