@@ -12,6 +12,7 @@
 #include <climits>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include <pcre2posix.h>
 
@@ -19,10 +20,10 @@ struct tarn_regex
 {
     tarn_handle_header header;
     uint32_t max_matches;
-    uint8_t utf; ///< 1: the pattern asks for UTF-8 texts
     regmatch_t *slots;
     regex_t compiled;
     tarn_regex_result *results; ///< of the latest tarn_regex_match_all()
+    uint8_t utf;                ///< 1: the pattern asks for UTF-8 texts
 };
 TARN_ASSERT_RECORD(tarn_regex);
 

@@ -5,6 +5,7 @@
 #include "tarn_str_internal.h"
 
 #include <cstring>
+#include <string_view>
 
 namespace
 {
@@ -79,10 +80,10 @@ char *put_escaped(char *out, char c)
     }
     else if (is_control(c))
     {
-        std::memcpy(out, "\\u00", 4);
-        out[4] = tarn::hex_digits[static_cast<unsigned char>(c) >> 4];
-        out[5] = tarn::hex_digits[c & 15];
-        out += unicode_escape_length;
+        constexpr std::string_view prefix = "\\u00";
+        out += prefix.copy(out, prefix.size());
+        *out++ = tarn::hex_digits[static_cast<unsigned char>(c) >> 4];
+        *out++ = tarn::hex_digits[c & 15];
     }
     else
     {
