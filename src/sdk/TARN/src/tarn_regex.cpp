@@ -183,12 +183,10 @@ size_t tarn_regex_match(TARN_REGEX re, const char *text)
     const auto m = tarn::unique_mem<regmatch_t>::make_array(slots_in_use(*re));
     RVON(m, 0);
     size_t count = 0;
-    (void)for_each_slot(*re, text, m.get(),
-                        [&count](const regmatch_t &, size_t)
-                        {
-                            ++count;
-                            return true;
-                        });
+    (void)for_each_slot(*re, text, m.get(), [&count](const regmatch_t &, size_t) {
+        ++count;
+        return true;
+    });
     return count;
 }
 
@@ -198,17 +196,16 @@ const tarn_regex_result *tarn_regex_match_all(TARN_REGEX re, const char *text)
     RVON(text, NULL);
     free_results(re);
     tarn_regex_result **tail = &re->results;
-    const bool complete = for_each_slot(*re, text, re->slots,
-                                        [&](const regmatch_t &slot, size_t position)
-                                        {
-                                            *tail = make_result(text, slot, position);
-                                            if (*tail == nullptr)
-                                            {
-                                                return false;
-                                            }
-                                            tail = &(*tail)->next;
-                                            return true;
-                                        });
+    const bool complete =
+        for_each_slot(*re, text, re->slots, [&](const regmatch_t &slot, size_t position) {
+            *tail = make_result(text, slot, position);
+            if (*tail == nullptr)
+            {
+                return false;
+            }
+            tail = &(*tail)->next;
+            return true;
+        });
     if (!complete)
     {
         free_results(re);

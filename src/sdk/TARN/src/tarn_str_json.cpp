@@ -138,8 +138,9 @@ bool read_code_point(const char *&json, uint32_t &code_point)
  *  @return behind what was written */
 char *put_utf8(char *out, uint32_t code_point)
 {
-    const auto tail = [code_point](unsigned shift)
-    { return static_cast<char>(0x80 | (code_point >> shift & 0x3F)); };
+    const auto tail = [code_point](unsigned shift) {
+        return static_cast<char>(0x80 | (code_point >> shift & 0x3F));
+    };
     if (code_point < 0x80)
     {
         *out++ = static_cast<char>(code_point);
