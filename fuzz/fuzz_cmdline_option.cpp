@@ -44,11 +44,10 @@ void parse(const std::vector<char *> &argv, const std::vector<fuzz::exact_string
     require(got.verbose <= 1);
     for (const char *value : {got.text, got.file})
     {
-        require(value == nullptr || std::any_of(arguments.begin(), arguments.end(),
-                                                [value](const auto &argument) {
-                                                    return value >= argument.view().begin() &&
-                                                           value <= argument.view().end();
-                                                }));
+        require(value == nullptr ||
+                std::any_of(arguments.begin(), arguments.end(), [value](const auto &argument) {
+                    return value >= argument.view().begin() && value <= argument.view().end();
+                }));
     }
 }
 

@@ -62,10 +62,10 @@ void read_string(const uint8_t *data, size_t size)
     const fuzz::exact_string text(data, size);
     const auto digits = text.view();
     const auto bytes = fuzz::own(tarn_str_from_hex2(text.get()));
-    require((bytes != nullptr) ==
-            (!digits.empty() && digits.size() % 2 == 0 &&
-             std::all_of(digits.begin(), digits.end(),
-                         [](char c) { return is_digit(static_cast<uint8_t>(c)); })));
+    require((bytes != nullptr) == (!digits.empty() && digits.size() % 2 == 0 &&
+                                   std::all_of(digits.begin(), digits.end(), [](char c) {
+                                       return is_digit(static_cast<uint8_t>(c));
+                                   })));
     if (bytes)
     {
         std::vector<char> hex(digits.size());

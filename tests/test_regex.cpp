@@ -120,8 +120,7 @@ TEST(Regex, FailingAllocationsGiveNothing)
     log_capture log;
     expect_check("RVON(m,0)");
     expect_check("RVON(result,NULL)");
-    const auto run = [](size_t)
-    {
+    const auto run = [](size_t) {
         TARN_REGEX re = tarn_regex_create("(a)");
         EXPECT_EQ(re == nullptr, support::allocation_failed());
         if (re == nullptr)

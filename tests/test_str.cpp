@@ -61,10 +61,10 @@ std::string all_bytes()
 
 TEST(PrintInt, CopiesLeadingDigitsAndTerminatesOnlyWithRoom)
 {
-    const auto print = [](int64_t value, int base, size_t size)
-    {
-        return filled(size, [&](char *buf, size_t)
-                      { return tarn_str_print_int(size != 0 ? buf : nullptr, size, value, base); });
+    const auto print = [](int64_t value, int base, size_t size) {
+        return filled(size, [&](char *buf, size_t) {
+            return tarn_str_print_int(size != 0 ? buf : nullptr, size, value, base);
+        });
     };
     EXPECT_EQ(print(255, 16, 0), "2 ");
     EXPECT_EQ(print(255, 16, 1), "1 f");
@@ -128,8 +128,9 @@ TEST(Hex, RoundTripsEveryByteInEitherCase)
 
 TEST(Hex, WritesTheNulOnlyWhereItHasRoom)
 {
-    const auto write = [](char *out, size_t size)
-    { return tarn_str_to_hex("\x0f\xa0", 2, out, size); };
+    const auto write = [](char *out, size_t size) {
+        return tarn_str_to_hex("\x0f\xa0", 2, out, size);
+    };
     EXPECT_EQ(filled(4, write), "0 0fa0");
     EXPECT_EQ(filled(6, write), "0 0fa00#");
     expect_check("RVOF(str_len * 2 <= hex_len,-2)");
@@ -140,11 +141,11 @@ TEST(Hex, WritesTheNulOnlyWhereItHasRoom)
 
 TEST(Hex, ReadsNeitherBeyondItsCharactersNorOtherCharacters)
 {
-    const auto read = [](std::string_view text, size_t out_len)
-    {
+    const auto read = [](std::string_view text, size_t out_len) {
         const std::vector<char> digits(text.begin(), text.end()); // without NUL
-        return filled(out_len, [&](char *out, size_t size)
-                      { return tarn_str_from_hex(digits.data(), digits.size(), out, size); });
+        return filled(out_len, [&](char *out, size_t size) {
+            return tarn_str_from_hex(digits.data(), digits.size(), out, size);
+        });
     };
     EXPECT_EQ(read("4142", 4), "0 AB##"); // nothing behind the last pair is touched
     EXPECT_EQ(read("41424", 3), "0 AB\x04");
@@ -176,8 +177,10 @@ TEST(Xml, RoundTripsEveryByte)
     EXPECT_EQ(filled(xml->size(),
                      [&](char *out, size_t size) { return tarn_str_to_xml_str(text, out, size); }),
               "275 " + *xml);
-    EXPECT_EQ(filled(255, [source = exact(*xml)](char *out, size_t size)
-                     { return tarn_str_from_xml_str(source, out, size); }),
+    EXPECT_EQ(filled(255,
+                     [source = exact(*xml)](char *out, size_t size) {
+                         return tarn_str_from_xml_str(source, out, size);
+                     }),
               "255 " + all_bytes());
     EXPECT_EQ(taken(tarn_str_escape_xml("<>&'\"")), "&lt;&gt;&amp;&apos;&quot;");
 }
@@ -198,8 +201,9 @@ TEST(Xml, EveryAmpersandMustBeginAnEntity)
 TEST(Xml, BuffersAreFilledToTheLastByteAndNoFurther)
 {
     const auto to = [](char *out, size_t size) { return tarn_str_to_xml_str("a<b", out, size); };
-    const auto from = [](char *out, size_t size)
-    { return tarn_str_from_xml_str("a&lt;b", out, size); };
+    const auto from = [](char *out, size_t size) {
+        return tarn_str_from_xml_str("a&lt;b", out, size);
+    };
     EXPECT_EQ(filled(7, to), "6 a&lt;b0");
     EXPECT_EQ(filled(6, to), "6 a&lt;b");
     EXPECT_EQ(filled(4, to), "-4 a###"); // an entity is written whole or not at all
@@ -297,8 +301,7 @@ TEST(Str, TrimsAndKnowsEmptyStrings)
 
 TEST(Str, SplitsIntoOneBlock)
 {
-    const auto split = [](std::string_view text, char delimiter)
-    {
+    const auto split = [](std::string_view text, char delimiter) {
         std::vector<std::string> pieces;
         char **const block = tarn_str_split(exact(text), delimiter);
         for (char **piece = block; piece != nullptr && *piece != nullptr; ++piece)
@@ -377,10 +380,8 @@ TEST(Str, WithoutArgumentOrMemoryThereIsNoString)
     expect_check("RVON(xml_str,NULL)");
     expect_check("RVON(out,NULL)");
     expect_check("RVON(block,NULL)");
-    const auto probe = [](auto create, const auto &...arguments)
-    {
-        const auto run = [&](size_t)
-        {
+    const auto probe = [](auto create, const auto &...arguments) {
+        const auto run = [&](size_t) {
             void *const str = create(arguments...);
             EXPECT_EQ(str == nullptr, support::allocation_failed());
             tarn_mem_free(str);

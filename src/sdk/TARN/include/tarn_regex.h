@@ -2,9 +2,8 @@
  *  Regular expressions: a compiled pattern that counts or collects its matches in a text.
  *
  *  Patterns are those of PCRE2, through its POSIX-style interface: Perl syntax, '^' and '$' match at
- *  line ends as well. Text is taken as bytes unless the pattern begins with "(*UTF)"; every search
- *  then starts by checking that the rest is valid UTF-8, and finds nothing if it is not, so keep such
- *  texts short.
+ *  line ends as well. Text is taken as bytes unless the pattern begins with "(*UTF)"; a search then
+ *  finds nothing when the rest is not valid UTF-8.
  *
  *  Matches are found one after the other. Each search starts where the match before it ended and
  *  looks only at the rest of the text, as if it began there: '^' and '\b' match at that place, a
@@ -16,8 +15,9 @@
  *  A match fills slots: the whole match, then each capture group in order up to the first one that
  *  took no part. No more than max_matches slots are filled.
  *
- *  The cost of one search is bounded by PCRE2's match limit; a search that runs into it ends the
- *  matching as if nothing more were found.
+ *  The steps of one search are bounded by PCRE2's match limit; a search that runs into it ends the
+ *  matching as if nothing more were found. With "(*UTF)", and where case is ignored, a search may
+ *  read the whole rest even when its match is near: bound the length of foreign texts.
  *  Threads: an object by one thread at a time. Nothing blocks. */
 #ifndef TARN_REGEX_H
 #define TARN_REGEX_H

@@ -12,6 +12,7 @@
 #include <climits>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include <pcre2posix.h>
 
@@ -19,10 +20,10 @@ struct tarn_regex
 {
     tarn_handle_header header;
     uint32_t max_matches;
-    uint8_t utf; ///< 1: the pattern asks for UTF-8 texts
     regmatch_t *slots;
     regex_t compiled;
     tarn_regex_result *results; ///< of the latest tarn_regex_match_all()
+    uint8_t utf;                ///< 1: the pattern asks for UTF-8 texts
 };
 TARN_ASSERT_RECORD(tarn_regex);
 
@@ -182,12 +183,10 @@ size_t tarn_regex_match(TARN_REGEX re, const char *text)
     const auto m = tarn::unique_mem<regmatch_t>::make_array(slots_in_use(*re));
     RVON(m, 0);
     size_t count = 0;
-    (void)for_each_slot(*re, text, m.get(),
-                        [&count](const regmatch_t &, size_t)
-                        {
-                            ++count;
-                            return true;
-                        });
+    (void)for_each_slot(*re, text, m.get(), [&count](const regmatch_t &, size_t) {
+        ++count;
+        return true;
+    });
     return count;
 }
 
@@ -197,17 +196,16 @@ const tarn_regex_result *tarn_regex_match_all(TARN_REGEX re, const char *text)
     RVON(text, NULL);
     free_results(re);
     tarn_regex_result **tail = &re->results;
-    const bool complete = for_each_slot(*re, text, re->slots,
-                                        [&](const regmatch_t &slot, size_t position)
-                                        {
-                                            *tail = make_result(text, slot, position);
-                                            if (*tail == nullptr)
-                                            {
-                                                return false;
-                                            }
-                                            tail = &(*tail)->next;
-                                            return true;
-                                        });
+    const bool complete =
+        for_each_slot(*re, text, re->slots, [&](const regmatch_t &slot, size_t position) {
+            *tail = make_result(text, slot, position);
+            if (*tail == nullptr)
+            {
+                return false;
+            }
+            tail = &(*tail)->next;
+            return true;
+        });
     if (!complete)
     {
         free_results(re);

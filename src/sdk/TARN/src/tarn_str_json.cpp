@@ -5,6 +5,7 @@
 #include "tarn_str_internal.h"
 
 #include <cstring>
+#include <string_view>
 
 namespace
 {
@@ -79,10 +80,10 @@ char *put_escaped(char *out, char c)
     }
     else if (is_control(c))
     {
-        std::memcpy(out, "\\u00", 4);
-        out[4] = tarn::hex_digits[static_cast<unsigned char>(c) >> 4];
-        out[5] = tarn::hex_digits[c & 15];
-        out += unicode_escape_length;
+        constexpr std::string_view prefix = "\\u00";
+        out += prefix.copy(out, prefix.size());
+        *out++ = tarn::hex_digits[static_cast<unsigned char>(c) >> 4];
+        *out++ = tarn::hex_digits[c & 15];
     }
     else
     {
@@ -137,8 +138,9 @@ bool read_code_point(const char *&json, uint32_t &code_point)
  *  @return behind what was written */
 char *put_utf8(char *out, uint32_t code_point)
 {
-    const auto tail = [code_point](unsigned shift)
-    { return static_cast<char>(0x80 | (code_point >> shift & 0x3F)); };
+    const auto tail = [code_point](unsigned shift) {
+        return static_cast<char>(0x80 | (code_point >> shift & 0x3F));
+    };
     if (code_point < 0x80)
     {
         *out++ = static_cast<char>(code_point);
