@@ -71,14 +71,12 @@ void ping_pong(benchmark::State &state)
     Event ping;
     Event pong;
     std::atomic<bool> ends{false};
-    std::thread partner(
-        [&]
+    std::thread partner([&] {
+        for (ping.wait(); !ends.load(std::memory_order_relaxed); ping.wait())
         {
-            for (ping.wait(); !ends.load(std::memory_order_relaxed); ping.wait())
-            {
-                pong.set();
-            }
-        });
+            pong.set();
+        }
+    });
     for (auto turn : state)
     {
         ping.set();

@@ -321,14 +321,12 @@ TEST(Gatewayd, DaemonReadsARelativeConfigurationAndEndsOrderly)
     support::write_file(dir.file("relative.conf"), "period = 20\nname = " + self.name() + "\n");
     // The daemon's parent ends; this process becomes the new one, and so learns the exit status.
     ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
-    const tarn::scope_exit end_daemon(
-        [&]
+    const tarn::scope_exit end_daemon([&] {
+        if (const pid_t left = find_process(self.name()); left > 0)
         {
-            if (const pid_t left = find_process(self.name()); left > 0)
-            {
-                ::kill(left, SIGKILL);
-            }
-        });
+            ::kill(left, SIGKILL);
+        }
+    });
     const std::filesystem::path directory = std::filesystem::current_path();
     std::filesystem::current_path(dir.path());
     child_process parent = start({"-d", "-f", "relative.conf", "--log-level=FATAL", self.option()});

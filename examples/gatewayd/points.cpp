@@ -87,9 +87,9 @@ bool point_table::add_listener(listener call, void *context)
 size_t point_table::position_of(std::string_view name) const
 {
     const auto first = order_.begin();
-    const auto found = std::lower_bound(first, first + static_cast<ptrdiff_t>(count_), name,
-                                        [this](uint16_t place, std::string_view wanted)
-                                        { return points_[place].name < wanted; });
+    const auto found = std::lower_bound(
+        first, first + static_cast<ptrdiff_t>(count_), name,
+        [this](uint16_t place, std::string_view wanted) { return points_[place].name < wanted; });
     return static_cast<size_t>(found - first);
 }
 

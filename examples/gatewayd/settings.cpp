@@ -26,8 +26,9 @@ bool is_letter_or_digit(char c)
 // The name becomes a part of file names.
 bool store_name(settings *into, std::string_view value)
 {
-    const auto is_name_byte = [](char c)
-    { return is_letter_or_digit(c) || c == '_' || c == '.' || c == '-'; };
+    const auto is_name_byte = [](char c) {
+        return is_letter_or_digit(c) || c == '_' || c == '.' || c == '-';
+    };
     if (value.empty() || value.size() >= sizeof into->name || !is_letter_or_digit(value.front()) ||
         !std::all_of(value.begin(), value.end(), is_name_byte))
     {
