@@ -10,6 +10,7 @@
 #include "tarn_dll.h"
 #include "tarn_event.h"
 #include "tarn_file.h"
+#include "tarn_md5.h"
 #include "tarn_modules.h"
 #include "tarn_pipe.h"
 #include "tarn_process.h"
@@ -138,6 +139,9 @@ void tarn_close_handle(void *handle)
         break;
     case TARN_HANDLE_TYPE_DIR:
         tarn_dir_close(static_cast<TARN_DIR>(handle));
+        break;
+    case TARN_HANDLE_TYPE_MD5:
+        tarn_md5_destroy(static_cast<TARN_MD5>(handle));
         break;
     default: // no kind, and tags that are not in use
         break;
