@@ -7,6 +7,7 @@
 
 #include "tarn_critical_section.h"
 #include "tarn_event.h"
+#include "tarn_list.h"
 #include "tarn_modules.h"
 #include "tarn_semaphore.h"
 #include "tarn_thread.h"
@@ -104,6 +105,9 @@ void tarn_close_handle(void *handle)
         break;
     case TARN_HANDLE_TYPE_EVENT:
         tarn_event_destroy(static_cast<TARN_EVENT>(handle));
+        break;
+    case TARN_HANDLE_TYPE_LIST:
+        tarn_list_destroy(static_cast<TARN_LIST>(handle));
         break;
     case TARN_HANDLE_TYPE_SEMAPHORE:
         tarn_semaphore_destroy(static_cast<TARN_SEMAPHORE>(handle));
