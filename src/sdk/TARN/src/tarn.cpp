@@ -9,6 +9,7 @@
 #include "tarn_event.h"
 #include "tarn_list.h"
 #include "tarn_modules.h"
+#include "tarn_ringbuf.h"
 #include "tarn_semaphore.h"
 #include "tarn_thread.h"
 
@@ -114,6 +115,9 @@ void tarn_close_handle(void *handle)
         break;
     case TARN_HANDLE_TYPE_THREAD:
         tarn_thread_stop(static_cast<TARN_THREAD>(handle));
+        break;
+    case TARN_HANDLE_TYPE_RINGBUF:
+        tarn_ringbuf_destroy(static_cast<TARN_RINGBUF>(handle));
         break;
     default: // no kind, and tags that are not in use
         break;

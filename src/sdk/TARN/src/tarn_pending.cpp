@@ -9,7 +9,6 @@
     }                                                                                              \
     void tarn_##name##_uninit(void) {}
 
-TARN_PENDING_MODULE(ringbuf)
 TARN_PENDING_MODULE(file)
 TARN_PENDING_MODULE(dir)
 TARN_PENDING_MODULE(shm)
