@@ -7,6 +7,7 @@
 
 #include "tarn_critical_section.h"
 #include "tarn_event.h"
+#include "tarn_hash.h"
 #include "tarn_list.h"
 #include "tarn_modules.h"
 #include "tarn_ringbuf.h"
@@ -115,6 +116,9 @@ void tarn_close_handle(void *handle)
         break;
     case TARN_HANDLE_TYPE_THREAD:
         tarn_thread_stop(static_cast<TARN_THREAD>(handle));
+        break;
+    case TARN_HANDLE_TYPE_HASH:
+        tarn_hash_destroy(static_cast<TARN_HASH>(handle));
         break;
     case TARN_HANDLE_TYPE_RINGBUF:
         tarn_ringbuf_destroy(static_cast<TARN_RINGBUF>(handle));
