@@ -9,6 +9,7 @@
 #include "tarn_event.h"
 #include "tarn_hash.h"
 #include "tarn_list.h"
+#include "tarn_mhash.h"
 #include "tarn_modules.h"
 #include "tarn_ringbuf.h"
 #include "tarn_semaphore.h"
@@ -122,6 +123,9 @@ void tarn_close_handle(void *handle)
         break;
     case TARN_HANDLE_TYPE_RINGBUF:
         tarn_ringbuf_destroy(static_cast<TARN_RINGBUF>(handle));
+        break;
+    case TARN_HANDLE_TYPE_MHASH:
+        tarn_mhash_destroy(static_cast<TARN_MHASH>(handle));
         break;
     default: // no kind, and tags that are not in use
         break;
