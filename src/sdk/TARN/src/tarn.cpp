@@ -6,6 +6,7 @@
 #include "tarn.h"
 
 #include "tarn_critical_section.h"
+#include "tarn_data.h"
 #include "tarn_dir.h"
 #include "tarn_dll.h"
 #include "tarn_event.h"
@@ -126,6 +127,9 @@ void tarn_close_handle(void *handle)
         break;
     case TARN_HANDLE_TYPE_THREAD:
         tarn_thread_stop(static_cast<TARN_THREAD>(handle));
+        break;
+    case TARN_HANDLE_TYPE_DATA:
+        tarn_data_destroy(static_cast<TARN_DATA>(handle));
         break;
     case TARN_HANDLE_TYPE_REGEX:
         tarn_regex_destroy(static_cast<TARN_REGEX>(handle));
