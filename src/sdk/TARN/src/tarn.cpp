@@ -6,6 +6,7 @@
 #include "tarn.h"
 
 #include "tarn_critical_section.h"
+#include "tarn_data.h"
 #include "tarn_dir.h"
 #include "tarn_dll.h"
 #include "tarn_event.h"
@@ -91,6 +92,7 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_LIST] = close_as<TARN_LIST, tarn_list_destroy>;
     table[TARN_HANDLE_TYPE_SEMAPHORE] = close_as<TARN_SEMAPHORE, tarn_semaphore_destroy>;
     table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
+    table[TARN_HANDLE_TYPE_DATA] = close_as<TARN_DATA, tarn_data_destroy>;
     table[TARN_HANDLE_TYPE_REGEX] = close_as<TARN_REGEX, tarn_regex_destroy>;
     table[TARN_HANDLE_TYPE_HASH] = close_as<TARN_HASH, tarn_hash_destroy>;
     table[TARN_HANDLE_TYPE_DLL] = close_as<TARN_DLL, tarn_dll_unload>;
