@@ -11,6 +11,7 @@
 #include "tarn_regex.h"
 #include "tarn_semaphore.h"
 #include "tarn_thread.h"
+#include "tarn_thread_pool.h"
 
 #include <algorithm>
 
@@ -111,6 +112,9 @@ void tarn_close_handle(void *handle)
         break;
     case TARN_HANDLE_TYPE_THREAD:
         tarn_thread_stop(static_cast<TARN_THREAD>(handle));
+        break;
+    case TARN_HANDLE_TYPE_THREAD_POOL:
+        tarn_thread_pool_destroy(static_cast<TARN_THREAD_POOL>(handle));
         break;
     case TARN_HANDLE_TYPE_REGEX:
         tarn_regex_destroy(static_cast<TARN_REGEX>(handle));
