@@ -12,6 +12,7 @@
 #include "tarn_semaphore.h"
 #include "tarn_thread.h"
 #include "tarn_thread_pool.h"
+#include "tarn_timer.h"
 
 #include <algorithm>
 
@@ -109,6 +110,9 @@ void tarn_close_handle(void *handle)
         break;
     case TARN_HANDLE_TYPE_SEMAPHORE:
         tarn_semaphore_destroy(static_cast<TARN_SEMAPHORE>(handle));
+        break;
+    case TARN_HANDLE_TYPE_TIMER:
+        tarn_timer_destroy(static_cast<TARN_TIMER>(handle));
         break;
     case TARN_HANDLE_TYPE_THREAD:
         tarn_thread_stop(static_cast<TARN_THREAD>(handle));
