@@ -21,6 +21,7 @@
 #include "tarn_regex.h"
 #include "tarn_ringbuf.h"
 #include "tarn_semaphore.h"
+#include "tarn_shm.h"
 #include "tarn_thread.h"
 #include "tarn_thread_pool.h"
 #include "tarn_timer.h"
@@ -78,10 +79,10 @@ bool start_modules()
     return true;
 }
 
-template <typename Handle, void (*Close)(Handle)>
+template <typename Handle, auto Close>
 void close_as(void *handle)
 {
-    Close(static_cast<Handle>(handle));
+    (void)Close(static_cast<Handle>(handle));
 }
 
 /** What the generic close does, by type tag; null for tags that are not in use. */
@@ -92,6 +93,7 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_EVENT] = close_as<TARN_EVENT, tarn_event_destroy>;
     table[TARN_HANDLE_TYPE_FILE] = close_as<TARN_FILE, tarn_file_close>;
     table[TARN_HANDLE_TYPE_LIST] = close_as<TARN_LIST, tarn_list_destroy>;
+    table[TARN_HANDLE_TYPE_SHM] = close_as<TARN_SHM, tarn_shm_destroy>;
     table[TARN_HANDLE_TYPE_SEMAPHORE] = close_as<TARN_SEMAPHORE, tarn_semaphore_destroy>;
     table[TARN_HANDLE_TYPE_TIMER] = close_as<TARN_TIMER, tarn_timer_destroy>;
     table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
