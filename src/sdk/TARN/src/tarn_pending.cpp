@@ -9,7 +9,6 @@
     }                                                                                              \
     void tarn_##name##_uninit(void) {}
 
-TARN_PENDING_MODULE(shmx)
 TARN_PENDING_MODULE(serial)
 TARN_PENDING_MODULE(socket)
 TARN_PENDING_MODULE(ipc)
