@@ -244,13 +244,13 @@ inline int pass_blocks(TARN_SHMX heap, bool gives)
     return 0;
 }
 
-/** Answers event 0 of the meta zone with event 1 until event 0 is destroyed. */
+/** Answers event 0 of the meta zone with event 1 until word 2 is set. */
 inline int echo_events(TARN_SHMX heap)
 {
     const auto *events = static_cast<const uint32_t *>(tarn_shmx_meta_zone(heap));
-    while (tarn_shmx_event_wait(heap, events[0], 60000))
+    while (tarn::shmx_load(events[2]) == 0)
     {
-        if (!tarn_shmx_event_set(heap, events[1]))
+        if (tarn_shmx_event_wait(heap, events[0], 500) && !tarn_shmx_event_set(heap, events[1]))
         {
             return 4;
         }
