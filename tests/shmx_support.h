@@ -39,7 +39,7 @@ inline bool soak()
 
 inline int churn_rounds()
 {
-    return support::with_sanitizer ? 300 : soak() ? 16000 : 1200;
+    return support::with_sanitizer ? 300 : 16000;
 }
 
 /** Blocks that the creator has recorded under a user id. */

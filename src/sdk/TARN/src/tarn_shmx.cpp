@@ -8,6 +8,7 @@
 #include "tarn_shmx.h"
 
 #include "tarn_modules.h"
+#include "tarn_os.h"
 #include "tarn_raii.h"
 #include "tarn_shmx_internal.h"
 #include "tarn_str.h"
@@ -178,7 +179,7 @@ bool take_user(tarn::shmx_user_entry &entry, uint32_t process_id)
     uint32_t *word = tarn::shmx_slot_word(&entry.lock);
     uint32_t seen = tarn::shmx_load(*word);
     const uint32_t owner = seen & tarn::lock_owner_mask;
-    if (owner == process_id || (owner != 0 && !tarn::shmx_process_is_gone(owner)))
+    if (owner == process_id || (owner != 0 && !tarn::process_is_gone(static_cast<int>(owner))))
     {
         return false;
     }

@@ -45,9 +45,6 @@ void shmx_futex_wait(uint32_t *word, uint32_t value, uint32_t ms);
  *  @return 0, or an error number */
 int shmx_futex_wake(uint32_t *word, bool all);
 
-/** True when no thread of the process is left, also while its parent has not collected it. */
-bool shmx_process_is_gone(uint32_t process_id);
-
 /** One turn of a busy wait: a hint to the processor; a chance for other threads on it. */
 void shmx_pause();
 void shmx_yield();

@@ -14,6 +14,7 @@
 //   which is longer than any visitor waits.
 // - The creator believes its own record about who has which block, and nothing in a slot.
 
+#include "tarn_os.h"
 #include "tarn_semaphore_internal.h"
 #include "tarn_shm_internal.h"
 #include "tarn_shmx_internal.h"
@@ -277,7 +278,7 @@ bool user_is_gone(TARN_SHMX shmx, uint32_t user_id)
     }
     const uint32_t owner =
         shmx_load(*shmx_slot_word(&shmx->view.users[user_id].lock)) & lock_owner_mask;
-    return owner != 0 && shmx_process_is_gone(owner);
+    return owner != 0 && process_is_gone(static_cast<int>(owner));
 }
 
 /** A slot that a visitor has, or a state that is none: emptied when the visitor is gone or has had it
@@ -408,7 +409,7 @@ void shmx_serve_requests(TARN_SHMX shmx)
     for (size_t i = 0; i < shmx_slot_count; ++i)
     {
         examine(shmx, shmx->request_cursor, now);
-        shmx->request_cursor = (shmx->request_cursor + 1) % shmx_slot_count;
+        shmx->request_cursor = static_cast<uint32_t>((shmx->request_cursor + 1) % shmx_slot_count);
     }
 }
 

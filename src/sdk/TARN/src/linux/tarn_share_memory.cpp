@@ -25,7 +25,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -183,7 +182,7 @@ bool peek_header(int segment_id, tarn::shm_segment_header *out)
 
 bool is_dead(pid_t pid)
 {
-    return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
+    return pid > 0 && tarn::process_is_gone(pid); // 0: a process that cannot be named here
 }
 
 /** Remove the segment that a dead creator left behind: its key is lost with its file. Processes

@@ -4,15 +4,11 @@
 
 #include "tarn_shmx_port.h"
 
-#include "tarn_os.h"
-
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <ctime>
 
 #include <linux/futex.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/syscall.h>
@@ -20,9 +16,6 @@
 
 #ifndef FUTEX_LOCK_PI2
 #define FUTEX_LOCK_PI2 13
-#endif
-#ifndef SYS_pidfd_open
-#define SYS_pidfd_open 434
 #endif
 
 namespace
@@ -143,23 +136,6 @@ void shmx_futex_wait(uint32_t *word, uint32_t value, uint32_t ms)
 int shmx_futex_wake(uint32_t *word, bool all)
 {
     return futex(word, FUTEX_WAKE, all ? INT32_MAX : 1, nullptr) >= 0 ? 0 : errno;
-}
-
-bool shmx_process_is_gone(uint32_t process_id)
-{
-    const auto pid = static_cast<pid_t>(process_id);
-    const unique_fd fd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-    if (fd)
-    {
-        pollfd ended = {fd.get(), POLLIN, 0};
-        return ::poll(&ended, 1, 0) == 1; // readable once its last thread has ended
-    }
-    if (errno == ESRCH)
-    {
-        return true;
-    }
-    // An older kernel, no descriptor left, or the id of another thread than the first.
-    return ::kill(pid, 0) != 0 && errno == ESRCH;
 }
 
 void shmx_pause()
