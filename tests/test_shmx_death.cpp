@@ -178,7 +178,7 @@ TEST_F(ShmxDeath, VisitorsDieAtAnyInstruction)
     dice random(3);
     pid_t last_pid = 0;
     uint64_t lost = 0;
-    for (int round = 0; round < rounds(150); ++round)
+    for (int round = 0; round < rounds(120); ++round)
     {
         child_process doomed =
             child_process::role("doomed_visitor", {name_, std::to_string(random() % 1000000)});
