@@ -233,8 +233,8 @@ TEST_F(Shmx, AnIndependentReaderFindsTheStatedLayout)
     std::memset(tarn_shmx_meta_zone(heap.get()), 'M', tarn_shmx_meta_zone_size(heap.get()));
     const uint32_t event = tarn_shmx_event_create(heap.get(), true, true);
     child_process reader = child_process::program(
-        {"/usr/bin/env", "python3", std::string(TARN_TEST_DATA_DIR) + "/shmx_reader.py", name_, "100000", "33", "5",
-         std::to_string(held.pid()), std::to_string(event)});
+        {"/usr/bin/env", "python3", std::string(TARN_TEST_DATA_DIR) + "/shmx_reader.py", name_,
+         "100000", "33", "5", std::to_string(held.pid()), std::to_string(event)});
     const std::string output = reader.read_rest();
     EXPECT_EQ(reader.wait(), 0) << output;
     visitor.close_input();

@@ -177,7 +177,6 @@ TEST_F(ShmxDeath, VisitorsDieAtAnyInstruction)
     ASSERT_TRUE(survivor);
     dice random(3);
     pid_t last_pid = 0;
-    uint64_t lost = 0;
     for (int round = 0; round < rounds(120); ++round)
     {
         child_process doomed =
@@ -199,12 +198,11 @@ TEST_F(ShmxDeath, VisitorsDieAtAnyInstruction)
         ASSERT_EQ(check_heap(heap.get()), "") << when;
         expect_working(heap.get(), when);
         expect_working(survivor.get(), when);
-        ASSERT_GE(used_blocks(heap.get(), 2), lost) << "blocks of the dead stay with the user id";
-        lost = used_blocks(heap.get(), 2);
     }
     EXPECT_TRUE(support::wait_until([&] { return slots_are_free(heap.get()); }, 70000));
     EXPECT_EQ(check_heap(heap.get()), "");
     EXPECT_EQ(used_blocks(heap.get(), 0), 2u);
+    EXPECT_GT(used_blocks(heap.get(), 2), 0u) << "what the dead had stays with the user id";
     EXPECT_TRUE(tarn_shmx_event_destroy(heap.get(), meta_of(heap.get())[event_word]));
 }
 
@@ -276,13 +274,13 @@ TARN_TEST_ROLE(lock_holder)
     }
     else if (what == "header")
     {
-        (void)tarn::shmx_lock_word(tarn::shmx_slot_word(&heap.get()->view.header->lock));
+        (void)tarn::shmx_lock(tarn::shmx_slot_word(&heap.get()->view.header->lock));
     }
     else if (what == "event")
     {
         auto *data = static_cast<uint8_t *>(
             tarn_shmx_offset_to_ptr(heap.get(), meta_of(heap.get())[event_word] + 28));
-        (void)tarn::shmx_lock_word(&reinterpret_cast<tarn::shmx_event_record *>(data)->lock);
+        (void)tarn::shmx_lock(&reinterpret_cast<tarn::shmx_event_record *>(data)->lock);
     }
     else if (what == "wait")
     {
@@ -363,10 +361,10 @@ TEST_F(ShmxDeath, OfManyOnlyOneTakesADeadLock)
         for (int i = 0; i < 3; ++i)
         {
             threads.emplace_back([&] {
-                const int error = tarn::shmx_lock_word(&word);
+                const int error = tarn::shmx_lock(&word);
                 wrong += error != 0 || ++inside != 1;
                 --inside;
-                wrong += !tarn::shmx_unlock_word(&word);
+                wrong += !tarn::shmx_unlock(&word);
             });
         }
         for (std::thread &thread : threads)

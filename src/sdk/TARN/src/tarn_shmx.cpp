@@ -339,9 +339,9 @@ bool is_too_large(TARN_SHMX shmx, uint32_t size)
     return true;
 }
 
-block_offset alloc_by_creator(TARN_SHMX shmx, uint32_t size)
+block_offset alloc_cleared(TARN_SHMX shmx, uint32_t size)
 {
-    const block_offset block = tarn::shmx_creator_alloc(shmx, size, 0);
+    const block_offset block = tarn::shmx_blk_alloc_by_creator(shmx, size, 0);
     if (block != block_offset::none)
     {
         clear_data(shmx->view, block, tarn::shmx_fit_of(size).alloc_size);
@@ -391,16 +391,24 @@ void hand_out(TARN_SHMX shmx, block_offset block, uint32_t alloc_size, uint32_t 
     clear_data(shmx->view, block, alloc_size);
 }
 
-void log_visitor_alloc(TARN_SHMX shmx, const char *from, block_offset block, uint32_t size,
+void log_visitor_alloc(TARN_SHMX shmx, bool is_reserved, block_offset block, uint32_t size,
                        uint32_t alloc_size)
 {
-    if (TARN_LOG_ENABLED(TARN_LOG_LEVEL_DEBUG))
+    if (!TARN_LOG_ENABLED(TARN_LOG_LEVEL_DEBUG))
     {
-        const shown_block at = shown(shmx->view, block);
-        TARN_LOG_DEBUG("from %s, offset = <%u>(%p), ptr = [%u](%p), request size = [%u], "
-                       "alloc size = [%u]",
-                       from, at.offset, at.header, at.data_offset, at.data, size, alloc_size);
+        return;
     }
+    const shown_block at = shown(shmx->view, block);
+    // clang-format off
+    if (is_reserved)
+    {
+        TARN_LOG_DEBUG("from cache, offset = <%u>(%p), ptr = [%u](%p), request size = [%u], alloc size = [%u]",
+                       at.offset, at.header, at.data_offset, at.data, size, alloc_size);
+        return;
+    }
+    TARN_LOG_DEBUG("from creator, offset = <%u>(%p), ptr = [%u](%p), request size = [%u], alloc size = [%u]",
+                   at.offset, at.header, at.data_offset, at.data, size, alloc_size);
+    // clang-format on
 }
 
 block_offset shmx_blk_alloc_by_visitor(TARN_SHMX shmx, uint32_t size)
@@ -424,7 +432,7 @@ block_offset shmx_blk_alloc_by_visitor(TARN_SHMX shmx, uint32_t size)
         }
     }
     hand_out(shmx, block, alloc_size, size);
-    log_visitor_alloc(shmx, is_reserved ? "cache" : "creator", block, size, alloc_size);
+    log_visitor_alloc(shmx, is_reserved, block, size, alloc_size);
     return block;
 }
 
@@ -623,7 +631,7 @@ bool shmx_is_in_own_process(TARN_SHMX shmx)
     return false;
 }
 
-block_offset shmx_creator_alloc(TARN_SHMX shmx, uint32_t size, uint32_t user_id)
+block_offset shmx_blk_alloc_by_creator(TARN_SHMX shmx, uint32_t size, uint32_t user_id)
 {
     if (is_too_large(shmx, size))
     {
@@ -655,7 +663,7 @@ block_offset shmx_creator_alloc(TARN_SHMX shmx, uint32_t size, uint32_t user_id)
     return report.block;
 }
 
-bool shmx_creator_free(TARN_SHMX shmx, block_offset block, uint32_t owner)
+bool shmx_blk_free_by_creator(TARN_SHMX shmx, block_offset block, uint32_t owner)
 {
     heap_report report{};
     heap_free_result result = heap_free_result::no_block;
@@ -695,7 +703,7 @@ block_offset shmx_blk_alloc(TARN_SHMX shmx, uint32_t size)
     }
     if (shmx->user_id == 0)
     {
-        return alloc_by_creator(shmx, size);
+        return alloc_cleared(shmx, size);
     }
     return is_too_large(shmx, size) ? block_offset::none : shmx_blk_alloc_by_visitor(shmx, size);
 }
@@ -708,7 +716,7 @@ bool shmx_blk_free(TARN_SHMX shmx, block_offset block)
     }
     if (shmx->user_id == 0)
     {
-        return shmx_creator_free(shmx, block, heap_any_owner);
+        return shmx_blk_free_by_creator(shmx, block, heap_any_owner);
     }
     const uint32_t owner = shmx_load(shmx_block_at(shmx->view, block)->user_id);
     if (owner == shmx_freed)
@@ -873,14 +881,14 @@ bool tarn_shmx_blk_lock(void *ptr)
 {
     RVON(ptr, false);
     uint8_t *slot = static_cast<uint8_t *>(ptr) - sizeof(tarn::shmx_lock_slot);
-    return tarn::shmx_lock_word(tarn::shmx_slot_word(slot)) == 0;
+    return tarn::shmx_lock(tarn::shmx_slot_word(slot)) == 0;
 }
 
 bool tarn_shmx_blk_unlock(void *ptr)
 {
     RVON(ptr, false);
     uint8_t *slot = static_cast<uint8_t *>(ptr) - sizeof(tarn::shmx_lock_slot);
-    return tarn::shmx_unlock_word(tarn::shmx_slot_word(slot));
+    return tarn::shmx_unlock(tarn::shmx_slot_word(slot));
 }
 
 bool tarn_shmx_blk_lock_dbg(const char *file, int line, const char *func, int32_t level, void *ptr)

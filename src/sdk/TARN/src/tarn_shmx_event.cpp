@@ -172,12 +172,12 @@ bool wait_for_flag(shmx_event_record *record, uint32_t timeout_ms)
 
 bool look_once(shmx_event_record *record)
 {
-    if (shmx_try_lock_word(&record->lock) != 0)
+    if (shmx_try_lock(&record->lock) != 0)
     {
         return false;
     }
     const bool result = is_event(record) && take_flag(record);
-    (void)shmx_unlock_word(&record->lock);
+    (void)shmx_unlock(&record->lock);
     return result;
 }
 

@@ -162,9 +162,9 @@ inline void shmx_store(T &word, std::type_identity_t<T> value,
 // ---- locks ---------------------------------------------------------------------------------------
 
 /** Result of taking a lock: 0 or an error number. */
-int shmx_lock_word(uint32_t *word, uint32_t limit_ms = lock_without_limit);
-int shmx_try_lock_word(uint32_t *word);
-bool shmx_unlock_word(uint32_t *word);
+int shmx_lock(uint32_t *word, uint32_t limit_ms = lock_without_limit);
+int shmx_try_lock(uint32_t *word);
+bool shmx_unlock(uint32_t *word);
 
 /** The 4-aligned word of a slot. */
 uint32_t *shmx_slot_word(void *slot);
@@ -181,7 +181,7 @@ class [[nodiscard]] shmx_word_guard
 {
 public:
     explicit shmx_word_guard(uint32_t *word)
-        : word_(word), error_(shmx_lock_word(word, internal_lock_limit_ms))
+        : word_(word), error_(shmx_lock(word, internal_lock_limit_ms))
     {
     }
     shmx_word_guard(const shmx_word_guard &) = delete;
@@ -190,7 +190,7 @@ public:
     {
         if (error_ == 0)
         {
-            (void)shmx_unlock_word(word_);
+            (void)shmx_unlock(word_);
         }
     }
     explicit operator bool() const noexcept
@@ -410,11 +410,11 @@ void shmx_serve_requests(TARN_SHMX shmx);
 // ---- the two ways to a block ---------------------------------------------------------------------
 
 /** Take a block from the heap under its locks, with log lines; creator only. */
-block_offset shmx_creator_alloc(TARN_SHMX shmx, uint32_t size, uint32_t user_id);
+block_offset shmx_blk_alloc_by_creator(TARN_SHMX shmx, uint32_t size, uint32_t user_id);
 
 /** Give a block back; creator only.
  *  @param owner  whose it must be, or heap_any_owner */
-bool shmx_creator_free(TARN_SHMX shmx, block_offset block, uint32_t owner);
+bool shmx_blk_free_by_creator(TARN_SHMX shmx, block_offset block, uint32_t owner);
 
 /** What the public calls do, for the debug twins and events as well. */
 block_offset shmx_blk_alloc(TARN_SHMX shmx, uint32_t size);

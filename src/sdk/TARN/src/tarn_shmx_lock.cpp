@@ -85,7 +85,7 @@ static_assert((kernel_waiters_bit & lock_owner_mask) == 0);
 
 } // namespace
 
-int shmx_lock_word(uint32_t *word, uint32_t limit_ms)
+int shmx_lock(uint32_t *word, uint32_t limit_ms)
 {
     if (take_free_word(word))
     {
@@ -100,7 +100,7 @@ int shmx_lock_word(uint32_t *word, uint32_t limit_ms)
     return error;
 }
 
-int shmx_try_lock_word(uint32_t *word)
+int shmx_try_lock(uint32_t *word)
 {
     if (take_free_word(word))
     {
@@ -115,7 +115,7 @@ int shmx_try_lock_word(uint32_t *word)
     return error;
 }
 
-bool shmx_unlock_word(uint32_t *word)
+bool shmx_unlock(uint32_t *word)
 {
     uint32_t expected = shmx_thread_id();
     if (std::atomic_ref(*word).compare_exchange_strong(expected, 0, std::memory_order_release,

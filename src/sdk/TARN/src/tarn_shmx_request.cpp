@@ -202,12 +202,12 @@ void abort_slot(shmx_request_slot &slot)
 }
 
 /** @return the answer; none: the request cannot be served */
-block_offset serve_alloc(TARN_SHMX shmx, const request &wanted)
+block_offset shmx_blk_alloc_for_visitor(TARN_SHMX shmx, const request &wanted)
 {
-    return shmx_creator_alloc(shmx, wanted.size, wanted.user_id);
+    return shmx_blk_alloc_by_creator(shmx, wanted.size, wanted.user_id);
 }
 
-bool serve_free(TARN_SHMX shmx, const request &wanted)
+bool shmx_blk_free_for_visitor(TARN_SHMX shmx, const request &wanted)
 {
     const shmx_block_header *block = shmx_block_at(shmx->view, block_offset{wanted.offset});
     if (block != nullptr && shmx_load(block->user_id) != wanted.user_id &&
@@ -216,7 +216,7 @@ bool serve_free(TARN_SHMX shmx, const request &wanted)
         TARN_LOG_WARN("block <%u> is not of user_id = [%u]", wanted.offset, wanted.user_id);
         return false;
     }
-    return shmx_creator_free(shmx, block_offset{wanted.offset}, wanted.user_id);
+    return shmx_blk_free_by_creator(shmx, block_offset{wanted.offset}, wanted.user_id);
 }
 
 /** Serve a slot that was just taken. */
@@ -227,8 +227,9 @@ void serve(TARN_SHMX shmx, shmx_request_slot &slot, slot_watch &watch)
                           wanted.user_id <= shmx->view.max_user_count;
     const bool is_free =
         wanted.offset != 0 && wanted.size == 0 && wanted.user_id <= shmx->view.max_user_count;
-    const block_offset block = is_alloc ? serve_alloc(shmx, wanted) : block_offset::none;
-    if (block == block_offset::none && !(is_free && serve_free(shmx, wanted)))
+    const block_offset block =
+        is_alloc ? shmx_blk_alloc_for_visitor(shmx, wanted) : block_offset::none;
+    if (block == block_offset::none && !(is_free && shmx_blk_free_for_visitor(shmx, wanted)))
     {
         abort_slot(slot);
         return;
@@ -248,7 +249,7 @@ void serve(TARN_SHMX shmx, shmx_request_slot &slot, slot_watch &watch)
                        static_cast<int>(state_of(slot)));
         if (is_alloc)
         {
-            (void)shmx_creator_free(shmx, block, wanted.user_id);
+            (void)shmx_blk_free_by_creator(shmx, block, wanted.user_id);
         }
         watch.has_block = 0;
     }
@@ -263,7 +264,7 @@ void take_back(TARN_SHMX shmx, shmx_request_slot &slot, slot_watch &watch)
     }
     if (watch.has_block != 0)
     {
-        (void)shmx_creator_free(shmx, block_offset{watch.block}, watch.user_id);
+        (void)shmx_blk_free_by_creator(shmx, block_offset{watch.block}, watch.user_id);
         watch.has_block = 0;
     }
     abort_slot(slot);

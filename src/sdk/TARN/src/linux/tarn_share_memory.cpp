@@ -19,7 +19,6 @@
 #include "tarn_raii.h"
 #include "tarn_shm_internal.h"
 #include "tarn_str.h"
-#include "tarn_text.h"
 
 #include <algorithm>
 #include <array>
@@ -133,9 +132,8 @@ bool makes_file_name(const char *name)
 
 bool format_path(char *path, size_t size, const char *name)
 {
-    tarn::text_writer text(path, size);
-    text.append(tarn::shm_root()).append('/').append(tarn::shm_file_prefix).append(name);
-    return !text.truncated();
+    const int length = tarn_str_printf(path, size, "%s/TARN_SHM_%s", tarn::shm_root(), name);
+    return length > 0 && static_cast<size_t>(length) < size;
 }
 
 object_owner make_shm_object(const char *name)
