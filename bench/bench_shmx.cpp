@@ -1,8 +1,9 @@
-// The shared heap: its creator's way, a visitor's two ways, and events, beside malloc, an allocator for
-// shared memory of another kind where one is installed, semaphores, and a bare mutex and condition.
+// The shared heap: its creator's way, a visitor's two ways, and events, beside malloc, an allocator
+// for shared memory of another kind where one is installed, semaphores, and a bare mutex and
+// condition.
 //
-// The other side of a ping-pong is a child process; it is forked from main before the first heap, so
-// that it has no copy of one.
+// The other side of a ping-pong is a child process; it is forked from main before the first heap,
+// so that it has no copy of one.
 
 #include "ratio.h"
 

@@ -186,7 +186,7 @@ inline support::child_process start_visitor(const std::string &name, const std::
     return support::child_process::role("shmx_visitor", {name, task});
 }
 
-// ---- the visitor's tasks -------------------------------------------------------------------------
+// ---- the visitor's tasks ------------------------------------------------------------------------
 
 inline int churn_in_threads(TARN_SHMX heap)
 {
@@ -204,7 +204,8 @@ inline int churn_in_threads(TARN_SHMX heap)
     return wrong == 0 ? 0 : 1;
 }
 
-/** A ring of block offsets in the meta zone: word 0 counts puts, word 1 takes, 100 places follow. */
+/** A ring of block offsets in the meta zone: word 0 counts puts, word 1 takes, 100 places follow.
+ *  */
 inline int pass_blocks(TARN_SHMX heap, bool gives)
 {
     auto *words = static_cast<uint32_t *>(tarn_shmx_meta_zone(heap));
