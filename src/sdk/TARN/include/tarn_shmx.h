@@ -13,8 +13,8 @@
  *  A user id belongs to the process until it destroys the handle or ends, whichever thread opened
  *  it and whether that thread still runs; the next visitor takes over the id of a process that has
  *  died. Blocks that a visitor has stay allocated after its end. After a fork the handle is the
- *  parent's: in the child every call on it fails, and destroying it there only frees memory. A
- *  daemon opens its heap after it has daemonised.
+ *  parent's: in the child nothing can be allocated or freed with it (ERROR), and destroying it
+ *  there only frees memory. A daemon opens its heap after it has daemonised.
  *
  *  Every process with access can write anywhere in the segment. What is read from it is checked, so
  *  that nonsense there makes calls fail with an ERROR line; it may cost blocks, and locks whose

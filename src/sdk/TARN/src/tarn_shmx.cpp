@@ -41,6 +41,7 @@ object_owner make_shmx_object()
     object_owner owner(tarn::make_object<tarn_shmx>(TARN_HANDLE_TYPE_SHMX).release());
     if (owner)
     {
+        (void)tarn::shmx_thread_id(); // from its first call on forks are counted
         owner.get()->fork_generation = tarn::shmx_fork_generation();
         owner.get()->process_id = tarn::shmx_process_id();
     }
