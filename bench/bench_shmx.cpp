@@ -107,6 +107,22 @@ void wait_turn(int turn)
     }
 }
 
+/** Anew for each partner: the last one was killed inside them. */
+void init_bare_objects()
+{
+    common->turn = 0;
+    sem_init(&common->there, 1, 0);
+    sem_init(&common->back, 1, 0);
+    pthread_mutexattr_t mutex_attributes;
+    pthread_mutexattr_init(&mutex_attributes);
+    pthread_mutexattr_setpshared(&mutex_attributes, PTHREAD_PROCESS_SHARED);
+    pthread_mutex_init(&common->mutex, &mutex_attributes);
+    pthread_condattr_t condition_attributes;
+    pthread_condattr_init(&condition_attributes);
+    pthread_condattr_setpshared(&condition_attributes, PTHREAD_PROCESS_SHARED);
+    pthread_cond_init(&common->condition, &condition_attributes);
+}
+
 /** The other process while a benchmark runs. */
 class partner
 {
@@ -114,6 +130,7 @@ public:
     explicit partner(role part)
     {
         common->ready = 0;
+        init_bare_objects();
         pid_ = fork();
         if (pid_ == 0)
         {
@@ -260,7 +277,6 @@ BENCHMARK(event_ping_pong)->UseRealTime()->Iterations(3000);
 
 void condition_ping_pong(benchmark::State &state)
 {
-    common->turn = 0;
     const partner other(role::condition);
     for (auto _ : state)
     {
@@ -274,16 +290,6 @@ void make_ground()
 {
     common = new (mmap(nullptr, sizeof(ground), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
                        -1, 0)) ground{};
-    sem_init(&common->there, 1, 0);
-    sem_init(&common->back, 1, 0);
-    pthread_mutexattr_t mutex_attributes;
-    pthread_mutexattr_init(&mutex_attributes);
-    pthread_mutexattr_setpshared(&mutex_attributes, PTHREAD_PROCESS_SHARED);
-    pthread_mutex_init(&common->mutex, &mutex_attributes);
-    pthread_condattr_t condition_attributes;
-    pthread_condattr_init(&condition_attributes);
-    pthread_condattr_setpshared(&condition_attributes, PTHREAD_PROCESS_SHARED);
-    pthread_cond_init(&common->condition, &condition_attributes);
     std::snprintf(common->name, sizeof common->name, "bench_%d", static_cast<int>(getpid()));
 }
 
