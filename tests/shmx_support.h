@@ -45,7 +45,7 @@ inline int churn_rounds()
 /** Blocks that the creator has recorded under a user id. */
 inline uint32_t used_blocks(TARN_SHMX heap, uint32_t user_id)
 {
-    const tarn::shmx_word_guard guard(&heap->lock);
+    const tarn::shmx_gate gate(&heap->gate);
     return heap->heap.user_blocks[user_id];
 }
 
@@ -54,8 +54,8 @@ inline uint32_t used_blocks(TARN_SHMX heap, uint32_t user_id)
 inline std::string check_heap(TARN_SHMX shmx)
 {
     const tarn::shmx_word_guard header(tarn::shmx_slot_word(&shmx->view.header->lock));
-    const tarn::shmx_word_guard guard(&shmx->lock);
-    if (!header || !guard)
+    const tarn::shmx_gate gate(&shmx->gate);
+    if (!header)
     {
         return "a lock is stuck";
     }

@@ -314,12 +314,7 @@ bool with_heap(TARN_SHMX shmx, Operation operation)
     {
         return false;
     }
-    // Only ever contended when somebody has written into the header lock.
-    const tarn::shmx_word_guard own(&shmx->lock);
-    if (!own)
-    {
-        return false;
-    }
+    const tarn::shmx_gate gate(&shmx->gate);
     operation();
     return true;
 }

@@ -208,6 +208,29 @@ private:
     int error_;
 };
 
+/** The creator's record behind the header lock: only ever contended when somebody has written into
+ *  that, so a plain word and a polite wait are enough, and cost half of another lock. */
+class [[nodiscard]] shmx_gate
+{
+public:
+    explicit shmx_gate(uint32_t *word) : word_(*word)
+    {
+        while (word_.exchange(1, std::memory_order_acquire) != 0)
+        {
+            shmx_yield();
+        }
+    }
+    shmx_gate(const shmx_gate &) = delete;
+    shmx_gate &operator=(const shmx_gate &) = delete;
+    ~shmx_gate()
+    {
+        word_.store(0, std::memory_order_release);
+    }
+
+private:
+    std::atomic_ref<uint32_t> word_;
+};
+
 // ---- a mapped segment ---------------------------------------------------------------------------
 
 /** Offset of a block's header in the data zone; what links, slots and event names hold. */
@@ -436,7 +459,8 @@ struct tarn_shmx
     TARN_THREAD thread; ///< creator
     uint32_t fork_generation;
     uint32_t process_id;
-    uint32_t lock; ///< guards heap or reserve, cursors; a lock word of this process
+    uint32_t gate; ///< creator: guards heap
+    uint32_t lock; ///< visitor: guards reserve; a lock word of this process
     // creator
     tarn::shmx_heap heap;
     tarn::slot_watch watches[tarn::shmx_slot_count]; ///< request thread only
