@@ -397,15 +397,11 @@ const char *log_level_to_str(int32_t level)
 bool tarn_log_init(void)
 {
     openlog(tarn::program_short_name(), 0, LOG_USER);
-    int32_t level = threshold();
+    const tarn::lock_guard lock(tarn::environment_lock);
+    if (const char *level = std::getenv("TARN_LOG_LEVEL"); level != nullptr)
     {
-        const tarn::lock_guard lock(tarn::environment_lock);
-        if (const char *name = std::getenv("TARN_LOG_LEVEL"); name != nullptr)
-        {
-            level = log_level_from_str(name);
-        }
+        tarn_log_level_set(log_level_from_str(level));
     }
-    tarn_log_level_set(level);
     return true;
 }
 
