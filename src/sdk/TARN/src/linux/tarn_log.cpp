@@ -93,7 +93,18 @@ const char *shown_name(const tarn_logger &logger)
     return logger.name != nullptr ? logger.name : tarn::program_short_name();
 }
 
-/** Holds the lock of standard output. */
+/** @return 0 when the logger lets the level through, else the result of the logging call */
+int check_logger(const tarn_logger &logger, int32_t level)
+{
+    if (__atomic_load_n(&logger.enabled, __ATOMIC_RELAXED) != 1)
+    {
+        return -1;
+    }
+    const uint32_t own = __atomic_load_n(&logger.level, __ATOMIC_RELAXED);
+    return (own != 0 ? int64_t{level} > int64_t{own} : level > threshold()) ? -2 : 0;
+}
+
+/** Holds the lock of standard output. ThreadSanitizer does not know it and has to be told. */
 class [[nodiscard]] stdout_guard
 {
 public:
@@ -227,20 +238,21 @@ void log_append_prefix(text_writer &out, const tarn_logger &logger, int32_t leve
 
 void log_write_from_handler(int32_t level, const log_position &position, std::string_view message)
 {
-    if (level > threshold())
+    if (level > threshold() || check_logger(tarn_default_logger, level) != 0)
     {
         return;
     }
     char line[512];
     char stamp[time_stamp_length];
-    text_writer out(line, sizeof line);
+    text_writer out(line, sizeof line - 1);
     time_stamp_from_handler(stamp);
     log_append_prefix(out, tarn_default_logger, level, position, true, {stamp, sizeof stamp});
-    out.append(message).append('\n');
+    out.append(message);
+    line[out.length()] = '\n';
     pollfd ready = {STDOUT_FILENO, POLLOUT, 0};
     if (::poll(&ready, 1, 100) == 1)
     {
-        [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, line, out.length());
+        [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, line, out.length() + 1);
     }
 }
 
@@ -249,14 +261,9 @@ void log_write_from_handler(int32_t level, const log_position &position, std::st
 int tarn_log_vprint(tarn_logger *logger, int32_t level, const char *file, int line,
                     const char *func, const char *format, va_list args)
 {
-    if (__atomic_load_n(&logger->enabled, __ATOMIC_RELAXED) != 1)
+    if (const int refused = check_logger(*logger, level); refused != 0)
     {
-        return -1;
-    }
-    const uint32_t own = __atomic_load_n(&logger->level, __ATOMIC_RELAXED);
-    if (own != 0 ? int64_t{level} > int64_t{own} : level > threshold())
-    {
-        return -2;
+        return refused;
     }
     const tarn::errno_keeper keep_errno;
     const tarn::cancel_guard no_cancel;
