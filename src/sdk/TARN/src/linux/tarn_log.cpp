@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +29,10 @@
 #include <strings.h>
 #include <syslog.h>
 #include <unistd.h>
+
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 constinit int32_t tarn_log_level = TARN_LOG_LEVEL_INFO;
 constinit tarn_logger tarn_default_logger = {nullptr, nullptr, 0, 1, 1, 1, 1};
@@ -111,30 +116,57 @@ public:
     stdout_guard()
     {
         flockfile(stdout);
+#if defined(__SANITIZE_THREAD__)
+        __tsan_acquire(stdout);
+#endif
     }
     stdout_guard(const stdout_guard &) = delete;
     stdout_guard &operator=(const stdout_guard &) = delete;
     ~stdout_guard()
     {
+#if defined(__SANITIZE_THREAD__)
+        __tsan_release(stdout);
+#endif
         funlockfile(stdout);
     }
 };
 
+/** Write all of it; an error drops the rest, as stdio would. */
+void write_out(std::string_view text)
+{
+    while (!text.empty())
+    {
+        const ssize_t n = tarn::retry_eintr(
+            [&] { return ::write(fileno_unlocked(stdout), text.data(), text.size()); });
+        if (n <= 0)
+        {
+            return;
+        }
+        text.remove_prefix(static_cast<size_t>(n));
+    }
+}
+
 /** Put a line into standard output's buffer. The buffer goes out at line ends only: processes that
- *  share a pipe would otherwise cut each other's lines at the buffer's edge. */
+ *  share a pipe would otherwise cut each other's lines at the buffer's edge. It is written here
+ *  and not by stdio, which drops what it holds when a signal handler interrupts the write. */
 void write_to_stdout(std::string_view line)
 {
     const stdout_guard guard;
-    const size_t size = __fbufsize(stdout);
+    const size_t buffer = __fbufsize(stdout); // 0 before the first write, which makes it
+    const size_t size = buffer == 0 ? PIPE_BUF : __flbf(stdout) != 0 ? 0 : buffer;
     const size_t pending = __fpending(stdout);
-    if (pending != 0 && pending + line.size() > size)
+    if (pending + line.size() > size)
     {
-        (void)fflush_unlocked(stdout);
+        write_out({stdout->_IO_write_base, pending});
+        __fpurge(stdout);
     }
-    (void)fwrite_unlocked(line.data(), 1, line.size(), stdout);
-    if (line.size() > size && size != 0)
+    if (line.size() <= size)
     {
-        (void)fflush_unlocked(stdout);
+        (void)fwrite_unlocked(line.data(), 1, line.size(), stdout);
+    }
+    else
+    {
+        write_out(line);
     }
 }
 
