@@ -115,9 +115,10 @@ void relay_last_lines(const relay_record &record)
     }
 }
 
-/** End the process by the default action of the signal. The raised signal is blocked, and so
- *  stays pending, until the handler returns: nothing may follow a call of this. */
-void end_by_default_action(const relay_record &record)
+/** End the process by the default action of the signal, which is blocked while its handler runs.
+ *  The first process of a container is immune to default actions; it exits as a shell would say
+ *  that it was killed. */
+[[noreturn]] void end_by_default_action(const relay_record &record)
 {
     if (tarn::process.is_daemon.load(std::memory_order_relaxed))
     {
@@ -133,6 +134,11 @@ void end_by_default_action(const relay_record &record)
     action.sa_handler = SIG_DFL;
     (void)sigaction(record.sig, &action, nullptr);
     (void)raise(record.sig);
+    sigset_t raised;
+    (void)sigemptyset(&raised);
+    (void)sigaddset(&raised, record.sig);
+    (void)pthread_sigmask(SIG_UNBLOCK, &raised, nullptr);
+    ::_exit(128 + record.sig);
 }
 
 } // namespace
@@ -144,14 +150,12 @@ extern "C" void termination_signals_handler(int sig)
     if (use_default_handler.load(std::memory_order_relaxed) == 1 || ::getpid() != relay_pid.load())
     {
         end_by_default_action({relay_record::raised, sig, 1, term_sig_count.load()});
-        return;
     }
     // The line shows the count before this signal.
     const unsigned before = term_sig_count.fetch_add(1, std::memory_order_relaxed);
     if (before + 1 > orderly_signals)
     {
         end_by_default_action({relay_record::fourth, sig, 0, before});
-        return;
     }
     (void)tell_relay({relay_record::request, sig, 0, before});
 }
