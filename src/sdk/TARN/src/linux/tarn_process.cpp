@@ -296,6 +296,7 @@ int enter_frame(const char *instance_name, bool single_instance)
 
 bool tarn_process_wait_exit(uint32_t ms)
 {
+    tarn::restart_signal_relay();
     tarn::use_default_signal_action(false);
     return tarn_event_wait(tarn::exit_event(), ms);
 }
