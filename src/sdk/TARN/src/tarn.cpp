@@ -22,6 +22,7 @@
 #include "tarn_ringbuf.h"
 #include "tarn_semaphore.h"
 #include "tarn_thread.h"
+#include "tarn_thread_pool.h"
 
 #include <algorithm>
 
@@ -92,6 +93,7 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_LIST] = close_as<TARN_LIST, tarn_list_destroy>;
     table[TARN_HANDLE_TYPE_SEMAPHORE] = close_as<TARN_SEMAPHORE, tarn_semaphore_destroy>;
     table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
+    table[TARN_HANDLE_TYPE_THREAD_POOL] = close_as<TARN_THREAD_POOL, tarn_thread_pool_destroy>;
     table[TARN_HANDLE_TYPE_DATA] = close_as<TARN_DATA, tarn_data_destroy>;
     table[TARN_HANDLE_TYPE_REGEX] = close_as<TARN_REGEX, tarn_regex_destroy>;
     table[TARN_HANDLE_TYPE_HASH] = close_as<TARN_HASH, tarn_hash_destroy>;
