@@ -22,6 +22,8 @@
 #include "tarn_ringbuf.h"
 #include "tarn_semaphore.h"
 #include "tarn_thread.h"
+#include "tarn_thread_pool.h"
+#include "tarn_timer.h"
 
 #include <algorithm>
 
@@ -91,7 +93,9 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_FILE] = close_as<TARN_FILE, tarn_file_close>;
     table[TARN_HANDLE_TYPE_LIST] = close_as<TARN_LIST, tarn_list_destroy>;
     table[TARN_HANDLE_TYPE_SEMAPHORE] = close_as<TARN_SEMAPHORE, tarn_semaphore_destroy>;
+    table[TARN_HANDLE_TYPE_TIMER] = close_as<TARN_TIMER, tarn_timer_destroy>;
     table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
+    table[TARN_HANDLE_TYPE_THREAD_POOL] = close_as<TARN_THREAD_POOL, tarn_thread_pool_destroy>;
     table[TARN_HANDLE_TYPE_DATA] = close_as<TARN_DATA, tarn_data_destroy>;
     table[TARN_HANDLE_TYPE_REGEX] = close_as<TARN_REGEX, tarn_regex_destroy>;
     table[TARN_HANDLE_TYPE_HASH] = close_as<TARN_HASH, tarn_hash_destroy>;
