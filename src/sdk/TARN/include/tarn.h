@@ -39,6 +39,9 @@
 #define TARN_ERROR_LINE_NUMBER (-(int)__LINE__)
 #define TARN_ERRLN TARN_ERROR_LINE_NUMBER
 
+/** Buffer size of names that processes meet by (shared objects, pipes), terminator included. */
+#define TARN_NAME_MAX 108
+
 TARN_BEGIN_DECLS
 
 /** Type tags: what kind of object a handle is. 19 is not in use. */

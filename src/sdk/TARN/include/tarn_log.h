@@ -102,6 +102,19 @@ TARN_API int32_t log_level_from_str(const char *str);
 /** Upper-case name of a level; "INFO" for numbers without a name. Static text. */
 TARN_API const char *log_level_to_str(int32_t level);
 
+/** Watch the level file of this process, "/tmp/tarn_log_level/NAME" with NAME as
+ *  tarn_process_name() gives it: its level is loaded now and whenever the file is written (about
+ *  once a second); a missing file is made with the current level, writable by every user. The file
+ *  so wins over TARN_LOG_LEVEL and the command line. tarn_init() calls this in a daemon; the watch
+ *  lasts until the process ends.
+ *  Only a regular file at that very place is read or made, links are not followed.
+ *  @return 0; negative when it already runs or the file cannot be read, made or watched (logged). */
+TARN_API int tarn_log_level_monitor_start(void);
+
+/** Level that a level file names.
+ *  @return as log_level_from_str() of its text; the current level when the file cannot be read. */
+TARN_API int32_t log_level_file_read(const char *path);
+
 /** Base name of the calling source file. */
 #if defined(__FILE_NAME__)
 #define TARN_FILE_NAME __FILE_NAME__

@@ -6,8 +6,14 @@
 #include "tarn.h"
 
 #include "tarn_critical_section.h"
+#include "tarn_dir.h"
+#include "tarn_dll.h"
 #include "tarn_event.h"
+#include "tarn_file.h"
 #include "tarn_modules.h"
+#include "tarn_pipe.h"
+#include "tarn_process.h"
+#include "tarn_regex.h"
 #include "tarn_semaphore.h"
 #include "tarn_thread.h"
 
@@ -68,9 +74,16 @@ bool start_modules()
 
 bool tarn_init(void)
 {
-    if (init_count == 0 && !start_modules())
+    if (init_count == 0)
     {
-        return false;
+        if (!start_modules())
+        {
+            return false;
+        }
+        if (tarn_process_is_daemon())
+        {
+            (void)tarn_log_level_monitor_start(); // a daemon runs without it, too
+        }
     }
     ++init_count;
     TARN_LOG_TRACE("init_count = %d", init_count);
@@ -105,11 +118,26 @@ void tarn_close_handle(void *handle)
     case TARN_HANDLE_TYPE_EVENT:
         tarn_event_destroy(static_cast<TARN_EVENT>(handle));
         break;
+    case TARN_HANDLE_TYPE_FILE:
+        tarn_file_close(static_cast<TARN_FILE>(handle));
+        break;
     case TARN_HANDLE_TYPE_SEMAPHORE:
         tarn_semaphore_destroy(static_cast<TARN_SEMAPHORE>(handle));
         break;
     case TARN_HANDLE_TYPE_THREAD:
         tarn_thread_stop(static_cast<TARN_THREAD>(handle));
+        break;
+    case TARN_HANDLE_TYPE_REGEX:
+        tarn_regex_destroy(static_cast<TARN_REGEX>(handle));
+        break;
+    case TARN_HANDLE_TYPE_DLL:
+        tarn_dll_unload(static_cast<TARN_DLL>(handle));
+        break;
+    case TARN_HANDLE_TYPE_PIPE:
+        tarn_pipe_close(static_cast<TARN_PIPE>(handle));
+        break;
+    case TARN_HANDLE_TYPE_DIR:
+        tarn_dir_close(static_cast<TARN_DIR>(handle));
         break;
     default: // no kind, and tags that are not in use
         break;
