@@ -15,6 +15,7 @@
 #include "tarn_process.h"
 #include "tarn_regex.h"
 #include "tarn_semaphore.h"
+#include "tarn_socket.h"
 #include "tarn_thread.h"
 
 #include <algorithm>
@@ -123,6 +124,9 @@ void tarn_close_handle(void *handle)
         break;
     case TARN_HANDLE_TYPE_SEMAPHORE:
         tarn_semaphore_destroy(static_cast<TARN_SEMAPHORE>(handle));
+        break;
+    case TARN_HANDLE_TYPE_SOCKET:
+        tarn_socket_destroy(static_cast<TARN_SOCKET>(handle));
         break;
     case TARN_HANDLE_TYPE_THREAD:
         tarn_thread_stop(static_cast<TARN_THREAD>(handle));
