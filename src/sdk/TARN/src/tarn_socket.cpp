@@ -73,24 +73,18 @@ void pause_for_resources(const tarn::deadline &limit)
 tarn::unique_fd accept_within(TARN_SOCKET p, const tarn::deadline &limit,
                               tarn::socket_address &peer)
 {
-    for (;;)
+    tarn::unique_fd accepted(os::accept(p->handle, peer));
+    if (!accepted && errno == EAGAIN && tarn::socket_wait(p, os::readiness::read, limit) > 0)
     {
-        tarn::unique_fd accepted(os::accept(p->handle, peer));
-        if (accepted)
-        {
-            return accepted;
-        }
-        if (ran_out_of_resources(errno))
-        {
-            pause_for_resources(limit);
-            return accepted;
-        }
-        // What makes the listener readable may be gone when it is accepted: wait again.
-        if (errno != EAGAIN || tarn::socket_wait(p, os::readiness::read, limit) <= 0)
-        {
-            return accepted;
-        }
+        // Once only: a local listener that was shut down is ready and has no peer for ever, and the
+        // peer that made it ready may be gone.
+        accepted.reset(os::accept(p->handle, peer));
     }
+    if (!accepted && ran_out_of_resources(errno))
+    {
+        pause_for_resources(limit);
+    }
+    return accepted;
 }
 
 // ---- traffic -------------------------------------------------------------------------------------
@@ -117,7 +111,7 @@ void log_transfer(TARN_SOCKET p, const char *call, const char *title, const void
     }
 }
 
-/** Calls receive(mode) until it gives anything but EAGAIN, waiting in between.
+/** Calls receive(mode), and again after a wait when there was nothing.
  *  @return what it gave; tarn::receive_timed_out; -1 when waiting failed. */
 template <typename Receive>
 int receive_within(TARN_SOCKET p, uint32_t timeout_ms, Receive receive)
@@ -127,19 +121,23 @@ int receive_within(TARN_SOCKET p, uint32_t timeout_ms, Receive receive)
         return static_cast<int>(receive(os::transfer::block));
     }
     const tarn::deadline limit(timeout_ms);
-    for (;;)
+    ptrdiff_t n = receive(os::transfer::poll);
+    if (n < 0 && errno == EAGAIN)
     {
-        const ptrdiff_t n = receive(os::transfer::poll);
-        if (n >= 0 || errno != EAGAIN)
-        {
-            return static_cast<int>(n);
-        }
         const int ready = tarn::socket_wait(p, os::readiness::read, limit);
         if (ready <= 0)
         {
             return ready == 0 ? tarn::receive_timed_out : -1;
         }
+        n = receive(os::transfer::poll);
+        if (n < 0 && errno == EAGAIN)
+        {
+            // Ready with nothing to read: a datagram that was dropped for its checksum, or a
+            // datagram socket that was shut down, which stays ready.
+            return tarn::socket_is_shut_down(p) ? 0 : tarn::receive_timed_out;
+        }
     }
+    return static_cast<int>(n);
 }
 
 int receive_stream(TARN_SOCKET p, void *buf, size_t size, uint32_t timeout_ms)
