@@ -3,6 +3,7 @@
 #include "support.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -18,6 +19,7 @@ namespace
 
 constexpr int wanted = CLONE_NEWNET | CLONE_NEWNS;
 constexpr const char *started_again = "TARN_TEST_IN_USER_NAMESPACE";
+constexpr const char *do_without = "TARN_TEST_WITHOUT_NAMESPACES";
 
 bool namespaces_are_allowed()
 {
@@ -60,7 +62,14 @@ bool allow_namespaces()
 void in_namespace(const std::function<void()> &body)
 {
     std::thread([&body] {
-        ASSERT_EQ(::unshare(wanted), 0) << "no network namespace: " << std::strerror(errno);
+        const int refused = ::unshare(wanted) == 0 ? 0 : errno;
+        if (refused != 0 && std::getenv(do_without) != nullptr)
+        {
+            std::printf("NOT TESTED: no network namespace: %s\n", std::strerror(refused));
+            return;
+        }
+        ASSERT_EQ(refused, 0) << "no network namespace: " << std::strerror(refused) << "; set "
+                              << do_without << " to leave out what needs one";
         ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
         ASSERT_EQ(shell("ip link set lo up"), "");
         body();

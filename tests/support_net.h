@@ -8,7 +8,8 @@ namespace support
 {
 
 /** Runs body on a thread of its own that has a network and a mount namespace of its own, with the
- *  loopback interface up and every mount private. Fails the test when that is not allowed. */
+ *  loopback interface up and every mount private. Where that is not allowed the test fails, or,
+ *  with TARN_TEST_WITHOUT_NAMESPACES in the environment, says so and goes on without body. */
 void in_namespace(const std::function<void()> &body);
 
 /** Output of a shell command, run in the calling thread's namespaces. */

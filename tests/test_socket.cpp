@@ -512,6 +512,21 @@ TEST(SocketArguments, FailingAllocationsLeaveNothingBehind)
     });
 }
 
+TEST(SocketArguments, BacklogIsTheLow16BitsAndAtMost128)
+{
+    for (const auto &[asked, expected] :
+         {std::pair(1000, 128u), std::pair(0x10005, 5u), std::pair(-1, 128u)})
+    {
+        const listener server(kind::ipv4, asked);
+        tcp_info info{};
+        socklen_t length = sizeof info;
+        ASSERT_EQ(::getsockopt(tarn_socket_get_handle(server.get()), IPPROTO_TCP, TCP_INFO, &info,
+                               &length),
+                  0);
+        EXPECT_EQ(info.tcpi_sacked, expected); // the limit, of a listening socket
+    }
+}
+
 TEST(SocketArguments, ConvertsByteOrder)
 {
     EXPECT_EQ(tarn_socket_htons(0x0102), htons(0x0102));

@@ -181,6 +181,25 @@ bool send_all(TARN_SOCKET p, std::span<const tarn::send_part> parts, const tarn:
     return true;
 }
 
+void log_parts(TARN_SOCKET p, std::span<const tarn::send_part> parts, size_t sent, int error)
+{
+    if (tarn::socket_quiet())
+    {
+        return;
+    }
+    TARN_LOG_INFO("[%p] send return [%zu], error = %d", static_cast<void *>(p), sent, error);
+    for (const tarn::send_part &part : parts)
+    {
+        const size_t shown = std::min(part.size, sent);
+        if (shown != 0)
+        {
+            TARN_LOG_HEX(&tarn_default_logger, TARN_LOG_LEVEL_INFO, "[TX]", part.data,
+                         static_cast<uint32_t>(shown));
+        }
+        sent -= shown;
+    }
+}
+
 /** First half of the liveness test; the errno of a pending error is left behind. */
 bool has_no_error(TARN_SOCKET p)
 {
@@ -272,8 +291,7 @@ int64_t socket_send_parts(TARN_SOCKET p, std::span<const send_part> parts, uint3
     size_t sent = 0;
     const bool complete = send_all(p, parts, deadline(timeout_ms), sent);
     const int error = complete ? 0 : errno;
-    TARN_SOCKET_LOG("[%p] send return [%lld], error = %d", static_cast<void *>(p),
-                    static_cast<long long>(sent), error);
+    log_parts(p, parts, sent, error);
     return complete || sent != 0 || error == ETIMEDOUT ? static_cast<int64_t>(sent) : -1;
 }
 
