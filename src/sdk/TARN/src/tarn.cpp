@@ -23,6 +23,8 @@
 #include "tarn_semaphore.h"
 #include "tarn_socket.h"
 #include "tarn_thread.h"
+#include "tarn_thread_pool.h"
+#include "tarn_timer.h"
 
 #include <algorithm>
 
@@ -86,14 +88,15 @@ void close_as(void *handle)
 /** What the generic close does, by type tag; null for tags that are not in use. */
 constexpr auto close_table = [] {
     std::array<void (*)(void *), TARN_HANDLE_TYPE_MHASH + 1> table{};
-    table[TARN_HANDLE_TYPE_CRITICAL_SECTION] =
-        close_as<TARN_CRITICAL_SECTION, tarn_critical_section_destroy>;
+    table[TARN_HANDLE_TYPE_CRITICAL_SECTION] = close_as<TARN_CRITICAL_SECTION, tarn_critical_section_destroy>;
     table[TARN_HANDLE_TYPE_EVENT] = close_as<TARN_EVENT, tarn_event_destroy>;
     table[TARN_HANDLE_TYPE_FILE] = close_as<TARN_FILE, tarn_file_close>;
     table[TARN_HANDLE_TYPE_LIST] = close_as<TARN_LIST, tarn_list_destroy>;
     table[TARN_HANDLE_TYPE_SEMAPHORE] = close_as<TARN_SEMAPHORE, tarn_semaphore_destroy>;
     table[TARN_HANDLE_TYPE_SOCKET] = close_as<TARN_SOCKET, tarn_socket_destroy>;
+    table[TARN_HANDLE_TYPE_TIMER] = close_as<TARN_TIMER, tarn_timer_destroy>;
     table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
+    table[TARN_HANDLE_TYPE_THREAD_POOL] = close_as<TARN_THREAD_POOL, tarn_thread_pool_destroy>;
     table[TARN_HANDLE_TYPE_DATA] = close_as<TARN_DATA, tarn_data_destroy>;
     table[TARN_HANDLE_TYPE_REGEX] = close_as<TARN_REGEX, tarn_regex_destroy>;
     table[TARN_HANDLE_TYPE_HASH] = close_as<TARN_HASH, tarn_hash_destroy>;
