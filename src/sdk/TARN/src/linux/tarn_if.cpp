@@ -9,6 +9,7 @@
 #include "tarn_os.h"
 #include "tarn_raii.h"
 #include "tarn_str.h"
+#include "tarn_sys.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -234,43 +235,20 @@ bool is_plain(const char *name)
            std::all_of(name, name + length, plain);
 }
 
-/** Looks for one line of output.
- *  @return 1 when there is one; 0; -1 when the command could not be started */
-int has_output(const char *command)
-{
-    // A cancelled thread would leave the pipe and the child behind.
-    const tarn::cancel_guard no_cancel;
-    std::FILE *pipe = ::popen(command, "re");
-    if (pipe == nullptr)
-    {
-        return -1;
-    }
-    char line[256];
-    bool found = std::fgets(line, sizeof line, pipe) != nullptr;
-    while (!found && std::ferror(pipe) != 0 && errno == EINTR)
-    {
-        std::clearerr(pipe);
-        found = std::fgets(line, sizeof line, pipe) != nullptr;
-    }
-    while (std::fgets(line, sizeof line, pipe) != nullptr)
-    {
-        // a writer that is cut off would complain
-    }
-    (void)::pclose(pipe);
-    return found ? 1 : 0;
-}
-
 int is_physical_by_command(const char *if_name)
 {
     char command[96];
     (void)std::snprintf(command, sizeof command, "ls -l /sys/class/net/ | grep %s | grep virtual",
                         if_name);
-    const int found = has_output(command);
-    if (found < 0)
+    char *output = nullptr;
+    const int rc = tarn_sys_command_run(command, &output, TARN_INFINITE);
+    const tarn::unique_mem<char> lines(output);
+    if (rc < 0 && lines && std::strncmp(lines.get(), "fail to run [", 13) == 0)
     {
         TARN_LOG_ERROR("failed to execute %s", command);
+        return 0;
     }
-    return found == 0 ? 1 : 0;
+    return lines ? 0 : 1; // whatever the status: another part of the process may have reaped it
 }
 
 /** What the command would find for any other text: a line that holds both. An empty text is no
