@@ -48,7 +48,7 @@ extern const char *serial_by_id_path;
 
 /** Follow the symbolic links of a port's name. The result is the same for every name of a device
  *  that exists; a name that leads nowhere is a result, too.
- *  @return false when there are too many links or a name is too long. */
+ *  @return false when there are too many links, a name is too long or memory ran out. */
 bool serial_resolve(const char *port, serial_node *out);
 
 /** True when both are the same device, under whatever names. */

@@ -21,6 +21,13 @@ namespace
 constexpr int link_max = 40;
 constexpr size_t target_max = tarn::serial_name_max;
 
+/** Kept off the stack, which may be a small one. */
+struct work_space
+{
+    char path[PATH_MAX];
+    char plain[PATH_MAX];
+};
+
 enum class hop
 {
     end, // the path is no link
@@ -71,11 +78,11 @@ bool is_pseudo_terminal(uint64_t device)
 }
 
 /** The target of a link in a directory, from its last '/' on; null when the entry is no link, or one
- *  without '/'. */
-const char *last_part(DIR *dir, const char *entry, char (&target)[PATH_MAX])
+ *  without '/' or with too long a target. */
+const char *last_part(DIR *dir, const char *entry, char (&target)[target_max + 1])
 {
-    const ssize_t length = ::readlinkat(::dirfd(dir), entry, target, sizeof target - 1);
-    if (length < 0)
+    const ssize_t length = ::readlinkat(::dirfd(dir), entry, target, sizeof target);
+    if (length < 0 || static_cast<size_t>(length) > target_max)
     {
         return nullptr;
     }
@@ -84,7 +91,7 @@ const char *last_part(DIR *dir, const char *entry, char (&target)[PATH_MAX])
 }
 
 /** First link whose name contains the identifier, as above. */
-const char *find_by_id(DIR *dir, const char *id, char (&target)[PATH_MAX])
+const char *find_by_id(DIR *dir, const char *id, char (&target)[target_max + 1])
 {
     while (const dirent *const entry = ::readdir(dir))
     {
@@ -109,15 +116,16 @@ const char *serial_by_id_path = "/dev/serial/by-id";
 
 bool serial_resolve(const char *port, serial_node *out)
 {
-    char path[PATH_MAX];
-    char plain[PATH_MAX];
-    (void)tarn_str_printf(path, sizeof path, "%s", port);
-    if (!follow_all(path))
+    const auto work = unique_mem<work_space>::make();
+    RVON(work, false);
+    (void)tarn_str_printf(work->path, sizeof work->path, "%s", port);
+    if (!follow_all(work->path))
     {
         return false;
     }
     // Links in the directories and ".." would give one device several names, and as many locks.
-    const char *const node = ::realpath(path, plain) != nullptr ? plain : path;
+    const bool exists = ::realpath(work->path, work->plain) != nullptr;
+    const char *const node = exists ? work->plain : work->path;
     const size_t length = std::strlen(node);
     if (length > serial_name_max)
     {
@@ -157,7 +165,7 @@ int tarn_serial_get_tty_name_by_id(const char *id, char *buffer, size_t len)
         const tarn::cancel_guard no_cancel;
         (void)::closedir(dir);
     });
-    char target[PATH_MAX];
+    char target[target_max + 1];
     const char *const name = find_by_id(dir, id, target);
     if (name == nullptr)
     {

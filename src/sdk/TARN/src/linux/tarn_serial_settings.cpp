@@ -75,10 +75,10 @@ bool set_if_custom(TARN_SERIAL port, uint32_t baudrate)
 }
 
 /** Change what edit(termios) changes; pending output is sent with the old settings first.
- *  @param custom  rate to set behind it, when it is a custom one
+ *  @param baudrate  set behind them when it is a custom rate; 0 is none
  *  @return 0; -1 when the settings cannot be read; -2 when they cannot be written */
 template <typename Edit>
-int change(TARN_SERIAL port, uint32_t custom, Edit edit)
+int change(TARN_SERIAL port, Edit edit, uint32_t baudrate = 0)
 {
     termios t{};
     if (!read_settings(port, &t))
@@ -87,7 +87,7 @@ int change(TARN_SERIAL port, uint32_t custom, Edit edit)
     }
     edit(&t);
     // The rate recorded at the opening, when custom, comes back with every change.
-    const bool written = write_settings(port, TCSADRAIN, t) && set_if_custom(port, custom) &&
+    const bool written = write_settings(port, TCSADRAIN, t) && set_if_custom(port, baudrate) &&
                          set_if_custom(port, port->baudrate);
     return written ? 0 : -2;
 }
@@ -165,27 +165,24 @@ bool serial_configure(TARN_SERIAL port, int32_t bytesize, int32_t stopbits, int3
 int tarn_serial_set_baudrate(TARN_SERIAL port, uint32_t baudrate)
 {
     RVON(port, TARN_ERRLN);
-    return change(port, baudrate,
-                  [baudrate](termios *t) { tarn::serial_apply_baudrate(t, baudrate); });
+    return change(
+        port, [baudrate](termios *t) { tarn::serial_apply_baudrate(t, baudrate); }, baudrate);
 }
 
 int tarn_serial_set_bytesize(TARN_SERIAL port, int32_t bytesize)
 {
     RVON(port, TARN_ERRLN);
-    return change(port, port->baudrate,
-                  [bytesize](termios *t) { tarn::serial_apply_bytesize(t, bytesize); });
+    return change(port, [bytesize](termios *t) { tarn::serial_apply_bytesize(t, bytesize); });
 }
 
 int tarn_serial_set_stopbits(TARN_SERIAL port, int32_t stopbits)
 {
     RVON(port, TARN_ERRLN);
-    return change(port, port->baudrate,
-                  [stopbits](termios *t) { tarn::serial_apply_stopbits(t, stopbits); });
+    return change(port, [stopbits](termios *t) { tarn::serial_apply_stopbits(t, stopbits); });
 }
 
 int tarn_serial_set_parity(TARN_SERIAL port, int32_t parity)
 {
     RVON(port, TARN_ERRLN);
-    return change(port, port->baudrate,
-                  [parity](termios *t) { tarn::serial_apply_parity(t, parity); });
+    return change(port, [parity](termios *t) { tarn::serial_apply_parity(t, parity); });
 }
