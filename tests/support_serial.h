@@ -73,6 +73,7 @@ struct kept_device
     unsigned long failing; ///< request that fails with EIO
 };
 inline kept_device kept;
+inline std::atomic<int> looks_at_lines{0};
 
 inline int kept_ioctl(int, unsigned long request, void *argument)
 {
@@ -84,6 +85,7 @@ inline int kept_ioctl(int, unsigned long request, void *argument)
     switch (request)
     {
     case TIOCMGET:
+        ++looks_at_lines;
         *static_cast<int *>(argument) = kept.lines;
         return 0;
     case TIOCMSET:
@@ -105,8 +107,9 @@ inline int kept_tcgetattr(int, termios *settings) noexcept
     return 0;
 }
 
-inline int kept_tcsetattr(int, int when, const termios *settings) noexcept
+inline int kept_tcsetattr(int fd, int when, const termios *settings) noexcept
 {
+    (void)::tcsetattr(fd, when, settings); // raw mode counts for the pseudo terminal, too
     kept.settings = *settings;
     kept.when = when;
     return 0;
@@ -137,9 +140,13 @@ class line_device
 public:
     explicit line_device(bool may_be_real = true)
     {
-        const std::string real = may_be_real ? find_real_port() : std::string();
-        is_kept_ = real.empty();
-        if (is_kept_)
+        if (const std::string real = may_be_real ? find_real_port() : ""; !real.empty())
+        {
+            before_.reset(::open(real.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+            (void)::tcgetattr(before_.get(), &settings_before_);
+            port_ = serial_owner(tarn_serial_open(real.c_str(), 9600, 8, 1, 0));
+        }
+        if (is_kept_ = !port_; is_kept_)
         {
             kept = {};
             tarn::serial_os.ioctl = kept_ioctl;
@@ -147,11 +154,16 @@ public:
             tarn::serial_os.tcsetattr = kept_tcsetattr;
             port_ = pty_.open();
         }
-        else
-        {
-            port_ = serial_owner(tarn_serial_open(real.c_str(), 9600, 8, 1, 0));
-        }
         EXPECT_TRUE(port_);
+    }
+    line_device(const line_device &) = delete;
+    line_device &operator=(const line_device &) = delete;
+    ~line_device()
+    {
+        if (!is_kept_)
+        {
+            (void)::tcsetattr(before_.get(), TCSANOW, &settings_before_);
+        }
     }
     [[nodiscard]] TARN_SERIAL port() const
     {
@@ -181,6 +193,8 @@ public:
 private:
     serial_seam seam_;
     serial_pty pty_;
+    tarn::unique_fd before_;
+    termios settings_before_{};
     bool is_kept_;
     serial_owner port_;
 };
