@@ -371,11 +371,7 @@ TEST(SysCommand, EndsByTimeOutSignalOrRefusal)
         const double took = support::elapsed_ms([&] {
             EXPECT_EQ(run("while :; do echo tick; done", &output, 0, 150), killed); // SIGPIPE
         });
-<<<<<<< HEAD
         EXPECT_GE(took, 148.0);
-=======
-        EXPECT_GE(took, 150.0);
->>>>>>> shm
         EXPECT_LT(took, 5000.0);
         EXPECT_TRUE(output.starts_with("tick\ntick\n"));
         // what is silent is waited for, but not read beyond the limit

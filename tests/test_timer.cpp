@@ -126,16 +126,10 @@ TEST_F(Timer, RefusesBadArguments)
 
 TEST_F(Timer, CreationAndStartFailCleanly)
 {
-<<<<<<< HEAD
     for (const char *text :
          {"RVON(t,TARN_INVALID_HANDLE)", "RVON(crit_sect,TARN_INVALID_HANDLE)",
           "RVON(cs,TARN_INVALID_HANDLE)", "RVON(ev,TARN_INVALID_HANDLE)",
           "RVON(fd,TARN_INVALID_HANDLE)", "RVOF(callback != NULL || stop_fd,TARN_INVALID_HANDLE)"})
-=======
-    for (const char *text : {"RVON(t,TARN_INVALID_HANDLE)", "RVON(crit_sect,TARN_INVALID_HANDLE)",
-                             "RVON(cs,TARN_INVALID_HANDLE)", "RVON(ev,TARN_INVALID_HANDLE)",
-                             "RVON(fd,TARN_INVALID_HANDLE)", "RVON(stop_fd,TARN_INVALID_HANDLE)"})
->>>>>>> shm
     {
         expect_check(text);
     }
@@ -160,11 +154,7 @@ TEST_F(Timer, CreationAndStartFailCleanly)
         ::close(static_cast<int>(next));
         const rlimit few = {next + more, before.rlim_max};
         setrlimit(RLIMIT_NOFILE, &few);
-<<<<<<< HEAD
         EXPECT_EQ(tarn_timer_create(TARN_TIMER_WALL_CLOCK, nullptr, nullptr, nullptr), nullptr);
-=======
-        EXPECT_EQ(r.make(TARN_TIMER_WALL_CLOCK), nullptr);
->>>>>>> shm
         setrlimit(RLIMIT_NOFILE, &before);
     }
 }

@@ -92,7 +92,8 @@ void close_as(void *handle)
 /** What the generic close does, by type tag; null for tags that are not in use. */
 constexpr auto close_table = [] {
     std::array<void (*)(void *), TARN_HANDLE_TYPE_MHASH + 1> table{};
-    table[TARN_HANDLE_TYPE_CRITICAL_SECTION] = close_as<TARN_CRITICAL_SECTION, tarn_critical_section_destroy>;
+    table[TARN_HANDLE_TYPE_CRITICAL_SECTION] =
+        close_as<TARN_CRITICAL_SECTION, tarn_critical_section_destroy>;
     table[TARN_HANDLE_TYPE_EVENT] = close_as<TARN_EVENT, tarn_event_destroy>;
     table[TARN_HANDLE_TYPE_FILE] = close_as<TARN_FILE, tarn_file_close>;
     table[TARN_HANDLE_TYPE_LIST] = close_as<TARN_LIST, tarn_list_destroy>;

@@ -1,6 +1,5 @@
 // Timers: a timerfd, and a loop thread that reads it when there is a callback.
 //
-<<<<<<< HEAD
 // Stopping. `running` says whether the timer is to tick. A timer's thread blocks in read(), which
 // is what brings the ticks in soonest: a stop from outside lets the descriptor expire at once, the
 // thread then finds the timer stopped and ends. Callers of tarn_timer_wait() poll the descriptor
@@ -8,13 +7,6 @@
 // A start from outside is marked in `changing`, which keeps a second one away; a start or stop from
 // inside the callback only flips `running` and the descriptor, and the thread goes on or ends when
 // the callback has returned. So there is never more than one thread per timer.
-=======
-// Stopping. `running` says whether the timer is to tick. stop_fd is its shadow for poll(): readable
-// while the timer is stopped, so that a stop reaches whoever waits at once. A start or stop from
-// outside is marked in `changing`, which keeps a second start away; a start or stop from inside the
-// callback only flips `running` and the descriptor, and the timer's thread goes on or ends when the
-// callback has returned. So there is never more than one thread per timer.
->>>>>>> shm
 //
 // Who frees the timer. It counts its users: the handle, each call under way that may outlast the
 // handle, and the thread. The thread's share goes with `thread`, the thread's handle: whoever takes
@@ -51,10 +43,6 @@ namespace
 __extension__ using wide_ns = unsigned __int128;
 
 constexpr uint64_t ns_per_s = 1000000000;
-<<<<<<< HEAD
-=======
-constexpr uint64_t thread_slice_ns = ns_per_s;
->>>>>>> shm
 constexpr uint64_t wait_slice_ns = 60 * ns_per_s;
 
 } // namespace
@@ -62,11 +50,7 @@ constexpr uint64_t wait_slice_ns = 60 * ns_per_s;
 struct tarn_timer
 {
     tarn_handle_header header;
-<<<<<<< HEAD
     int32_t fd;         ///< the timer descriptor; reads block when there is a callback
-=======
-    int32_t fd;         ///< the timer descriptor
->>>>>>> shm
     uint32_t monotonic; ///< 0 or 1, which is also the clock's id
     tarn_timer_callback callback;
     void *arg1;
@@ -77,11 +61,7 @@ struct tarn_timer
     uint64_t due_nsec;
     TARN_THREAD thread;              ///< null: no thread, or a stopper is joining it
     TARN_CRITICAL_SECTION crit_sect; ///< see above
-<<<<<<< HEAD
     int32_t stop_fd;                 ///< without callback: readable while the timer is stopped
-=======
-    int32_t stop_fd;                 ///< readable while the timer is stopped
->>>>>>> shm
     uint32_t users;                  ///< see above; shared, atomic access only
     bool running;                    ///< under crit_sect, as all below
     bool changing;                   ///< a start or stop from outside is under way
@@ -201,32 +181,15 @@ int arm(TARN_TIMER t, bool *clock_failed)
     return timerfd_settime(t->fd, flags, &setting, nullptr) == 0 ? 0 : errno;
 }
 
-<<<<<<< HEAD
 /** Arm the timer, unless it has been stopped meanwhile.
  *  @return 0, or TARN_ERRLN */
 int set_timer(TARN_TIMER t)
 {
-=======
-/** Arm the timer.
- *  @return 0; TARN_ERRLN when it has been stopped meanwhile or the system refuses */
-int set_timer(TARN_TIMER t)
-{
-    bool stopped = false;
->>>>>>> shm
     bool clock_failed = false;
     int error = 0;
     {
         const locked lock(t->crit_sect);
-<<<<<<< HEAD
         error = t->running ? arm(t, &clock_failed) : 0;
-=======
-        stopped = !t->running;
-        error = stopped ? 0 : arm(t, &clock_failed);
-    }
-    if (stopped)
-    {
-        return TARN_ERRLN;
->>>>>>> shm
     }
     if (clock_failed)
     {
@@ -243,18 +206,13 @@ int set_timer(TARN_TIMER t)
     return 0;
 }
 
-<<<<<<< HEAD
 /** Mark the timer as running; the lock is held. */
-=======
-/** Mark the timer as running, for poll() as well; the lock is held. */
->>>>>>> shm
 void mark_running(TARN_TIMER t, uint64_t interval_ns, uint64_t offset_ns)
 {
     t->interval_ns = interval_ns;
     t->offset_ns = offset_ns;
     t->running = true;
     eventfd_t stops = 0;
-<<<<<<< HEAD
     if (t->stop_fd >= 0)
     {
         (void)eventfd_read(t->stop_fd, &stops); // never blocks
@@ -288,33 +246,13 @@ int disarm_locked(TARN_TIMER t)
 }
 
 /** Disarm a stopped timer, but not while its thread may wait for the expiry that ends it. */
-=======
-    (void)eventfd_read(t->stop_fd, &stops); // never blocks
-}
-
-/** Mark the timer as stopped, for poll() as well; the lock is held. */
-void mark_stopped(TARN_TIMER t)
-{
-    t->running = false;
-    (void)eventfd_write(t->stop_fd, 1);
-}
-
->>>>>>> shm
 void disarm(TARN_TIMER t)
 {
     int error = 0;
     {
         const locked lock(t->crit_sect);
-<<<<<<< HEAD
         const bool may_wait = t->in_proc && in_callback_of != t;
         error = may_wait ? 0 : disarm_locked(t);
-=======
-        const itimerspec never{};
-        if (!t->running && timerfd_settime(t->fd, 0, &never, nullptr) != 0)
-        {
-            error = errno;
-        }
->>>>>>> shm
     }
     if (error != 0)
     {
@@ -423,7 +361,6 @@ struct due_time
 };
 
 /** Time of the latest of count expiries; the record goes on to the one after it. Done before the
-<<<<<<< HEAD
  *  callback, which may start the timer anew.
  *  @return false when the timer is stopped: the expiry is there to say so */
 bool take_due(TARN_TIMER t, uint64_t count, due_time *out)
@@ -433,17 +370,10 @@ bool take_due(TARN_TIMER t, uint64_t count, due_time *out)
     {
         return false;
     }
-=======
- *  callback, which may start the timer anew. */
-due_time take_due(TARN_TIMER t, uint64_t count)
-{
-    const locked lock(t->crit_sect);
->>>>>>> shm
     if (t->monotonic == 0 && count > 1)
     {
         advance_due(t, count - 1);
     }
-<<<<<<< HEAD
     *out = {t->due_sec, static_cast<uint32_t>(t->due_nsec)};
     advance_due(t, 1);
     return true;
@@ -454,16 +384,6 @@ void serve_expiry(TARN_TIMER t)
 {
     const expiry_count e = read_expiries(t);
     due_time due{};
-=======
-    const due_time due = {t->due_sec, static_cast<uint32_t>(t->due_nsec)};
-    advance_due(t, 1);
-    return due;
-}
-
-void report_expiry(TARN_TIMER t)
-{
-    const expiry_count e = read_expiries(t);
->>>>>>> shm
     if (is_clock_change(t, e))
     {
         realign(t);
@@ -472,11 +392,7 @@ void report_expiry(TARN_TIMER t)
     {
         log_read_error(e);
     }
-<<<<<<< HEAD
     else if (take_due(t, e.count, &due) && e.complete())
-=======
-    else if (const due_time due = take_due(t, e.count); e.complete())
->>>>>>> shm
     {
         in_callback_of = t;
         (void)t->callback(t, e.count, due.sec, due.nsec, t->arg1, t->arg2);
@@ -499,14 +415,7 @@ void leave_proc(TARN_TIMER t, bool unwinding)
         {
             mark_stopped(t);
         }
-<<<<<<< HEAD
         (void)disarm_locked(t);
-=======
-    }
-    if (unwinding)
-    {
-        disarm(t); // the thread's object goes with the thread
->>>>>>> shm
     }
     if (drop)
     {
@@ -533,19 +442,7 @@ void *tarn_timer_proc(void *timer, void *)
     tarn::scope_exit unwound([t] { leave_proc(t, true); });
     while (!tarn_thread_sleep(0) && is_running(t))
     {
-<<<<<<< HEAD
         serve_expiry(t);
-=======
-        const wait_result result = wait_for_expiry(t, thread_slice_ns);
-        if (result == wait_result::failed)
-        {
-            log_wait_error(errno);
-        }
-        else if (result == wait_result::readable)
-        {
-            report_expiry(t);
-        }
->>>>>>> shm
     }
     unwound.dismiss();
     leave_proc(t, false);
@@ -606,13 +503,10 @@ void stop_from_outside(TARN_TIMER t)
         const locked lock(t->crit_sect);
         thread = std::exchange(t->thread, nullptr);
         mark_stopped(t);
-<<<<<<< HEAD
         if (thread != nullptr)
         {
             wake_thread(t);
         }
-=======
->>>>>>> shm
     }
     if (thread != nullptr)
     {
@@ -718,20 +612,12 @@ TARN_TIMER tarn_timer_create(int kind, tarn_timer_callback callback, void *arg1,
     section_owner crit_sect(tarn_critical_section_create());
     RVON(crit_sect, TARN_INVALID_HANDLE);
     t->monotonic = kind == TARN_TIMER_MONOTONIC ? 1 : 0;
-<<<<<<< HEAD
     const int blocking = callback != nullptr ? 0 : TFD_NONBLOCK;
     tarn::unique_fd fd(
         timerfd_create(static_cast<clockid_t>(t->monotonic), blocking | TFD_CLOEXEC));
     RVON(fd, TARN_INVALID_HANDLE);
     tarn::unique_fd stop_fd(callback != nullptr ? -1 : eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC));
     RVOF(callback != NULL || stop_fd, TARN_INVALID_HANDLE);
-=======
-    tarn::unique_fd fd(
-        timerfd_create(static_cast<clockid_t>(t->monotonic), TFD_NONBLOCK | TFD_CLOEXEC));
-    RVON(fd, TARN_INVALID_HANDLE);
-    tarn::unique_fd stop_fd(eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC));
-    RVON(stop_fd, TARN_INVALID_HANDLE);
->>>>>>> shm
     t->callback = callback;
     t->arg1 = arg1;
     t->arg2 = arg2;
@@ -750,10 +636,7 @@ int tarn_timer_start(TARN_TIMER t, uint64_t interval_ns, uint64_t offset_ns)
     {
         return restart_from_callback(t, interval_ns, offset_ns);
     }
-<<<<<<< HEAD
     const tarn::cancel_guard no_cancel;
-=======
->>>>>>> shm
     const timer_user user(t);
     const change_guard change(t);
     RVOF(change, TARN_ERRLN);
@@ -781,10 +664,7 @@ void tarn_timer_stop(TARN_TIMER t)
         stop_from_callback(t);
         return;
     }
-<<<<<<< HEAD
     const tarn::cancel_guard no_cancel; // a half-done change would stay so
-=======
->>>>>>> shm
     const timer_user user(t);
     const change_guard change(t);
     stop_from_outside(t);
