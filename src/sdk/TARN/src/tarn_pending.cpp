@@ -9,13 +9,6 @@
     }                                                                                              \
     void tarn_##name##_uninit(void) {}
 
-TARN_PENDING_MODULE(shm)
 TARN_PENDING_MODULE(shmx)
-TARN_PENDING_MODULE(mutex)
-TARN_PENDING_MODULE(rwlock)
-TARN_PENDING_MODULE(socket)
-TARN_PENDING_MODULE(thread_pool)
-TARN_PENDING_MODULE(timer)
 TARN_PENDING_MODULE(ipc)
-TARN_PENDING_MODULE(conn)
 TARN_PENDING_MODULE(rpc)

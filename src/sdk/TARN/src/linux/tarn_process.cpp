@@ -12,6 +12,7 @@
 #include "tarn_process_internal.h"
 #include "tarn_process_state.h"
 #include "tarn_raii.h"
+#include "tarn_sys.h"
 #include "tarn_text.h"
 
 #include <algorithm>
@@ -125,9 +126,10 @@ enum class scan_result
 scan_result scan_short(int argc, char *const *argv, const char **config_file_out,
                        short_options *found)
 {
-    for (int i = 1; i < argc; ++i)
+    for (int i = 1; i < argc && argv[i] != nullptr; ++i)
     {
         const std::string_view argument = argv[i];
+        const char *const next = i + 1 < argc ? argv[i + 1] : nullptr;
         if (argument == "--version" || argument == "-v")
         {
             return scan_result::version;
@@ -138,19 +140,21 @@ scan_result scan_short(int argc, char *const *argv, const char **config_file_out
         }
         else if (argument == "-f")
         {
-            if (config_file_out == nullptr || i + 1 >= argc)
+            if (config_file_out == nullptr || next == nullptr)
             {
                 return scan_result::error;
             }
-            *config_file_out = argv[++i];
+            *config_file_out = next;
+            ++i;
         }
         else if (argument == "-log")
         {
-            if (i + 1 >= argc || !is_level_name(argv[i + 1]))
+            if (next == nullptr || !is_level_name(next))
             {
                 return scan_result::error;
             }
-            found->log_level = argv[++i];
+            found->log_level = next;
+            ++i;
         }
         else if (argument == "-t")
         {
@@ -231,6 +235,7 @@ int enter_frame(const char *instance_name, bool single_instance)
 
 bool tarn_process_wait_exit(uint32_t ms)
 {
+    tarn::restart_signal_relay();
     tarn::use_default_signal_action(false);
     return tarn_event_wait(tarn::exit_event(), ms);
 }
@@ -450,6 +455,22 @@ bool tarn_process_clearenv(void)
 {
     const tarn::lock_guard lock(tarn::environment_lock);
     return ::clearenv() == 0;
+}
+
+int tarn_process_wdt_set_timeout(uint32_t seconds)
+{
+    RVOF(tarn_wdt_set_timeout(seconds), TARN_ERRLN);
+    return 0;
+}
+
+void tarn_process_wdt_kick(void)
+{
+    tarn_wdt_kick();
+}
+
+int tarn_process_wdt_disable(void)
+{
+    return tarn_process_wdt_set_timeout(0);
 }
 
 bool tarn_process_init(void)
