@@ -455,7 +455,7 @@ TEST_F(Serial, DeviceThatDisappearsFailsEveryCall)
     serial_pty pty;
     const serial_owner port = pty.open();
     feed(pty, "last");
-    pty.close_master();
+    pty.disappear();
     const read_result last = read_port(port.get(), 30);
     EXPECT_EQ(last.result, 1);
     EXPECT_TRUE(last.bytes.empty() || last.bytes == "last");
