@@ -18,7 +18,7 @@
 namespace bench
 {
 
-/** One comparison: names of benchmark functions. */
+/** One comparison: names of benchmarks, "function" or "function/argument". */
 struct ratio
 {
     const char *title;
@@ -33,6 +33,12 @@ class best_reporter : public benchmark::ConsoleReporter
 public:
     best_reporter() : ConsoleReporter(OO_Tabular) {}
 
+    static std::string name_of(const Run &run)
+    {
+        const std::string &arguments = run.run_name.args;
+        return run.run_name.function_name + (arguments.empty() ? "" : "/" + arguments);
+    }
+
     void ReportRuns(const std::vector<Run> &runs) override
     {
         std::vector<Run> shown;
@@ -46,7 +52,7 @@ public:
             {
                 const bool real = !run.run_name.time_type.empty();
                 const double time = real ? run.GetAdjustedRealTime() : run.GetAdjustedCPUTime();
-                const auto [entry, is_new] = best_.emplace(run.run_name.function_name, time);
+                const auto [entry, is_new] = best_.emplace(name_of(run), time);
                 entry->second = is_new ? time : std::min(entry->second, time);
             }
         }

@@ -6,14 +6,20 @@
 #include "tarn.h"
 
 #include "tarn_critical_section.h"
+#include "tarn_data.h"
 #include "tarn_dir.h"
 #include "tarn_dll.h"
 #include "tarn_event.h"
 #include "tarn_file.h"
+#include "tarn_hash.h"
+#include "tarn_list.h"
+#include "tarn_md5.h"
+#include "tarn_mhash.h"
 #include "tarn_modules.h"
 #include "tarn_pipe.h"
 #include "tarn_process.h"
 #include "tarn_regex.h"
+#include "tarn_ringbuf.h"
 #include "tarn_semaphore.h"
 #include "tarn_thread.h"
 
@@ -70,6 +76,34 @@ bool start_modules()
     return true;
 }
 
+template <typename Handle, void (*Close)(Handle)>
+void close_as(void *handle)
+{
+    Close(static_cast<Handle>(handle));
+}
+
+/** What the generic close does, by type tag; null for tags that are not in use. */
+constexpr auto close_table = [] {
+    std::array<void (*)(void *), TARN_HANDLE_TYPE_MHASH + 1> table{};
+    table[TARN_HANDLE_TYPE_CRITICAL_SECTION] =
+        close_as<TARN_CRITICAL_SECTION, tarn_critical_section_destroy>;
+    table[TARN_HANDLE_TYPE_EVENT] = close_as<TARN_EVENT, tarn_event_destroy>;
+    table[TARN_HANDLE_TYPE_FILE] = close_as<TARN_FILE, tarn_file_close>;
+    table[TARN_HANDLE_TYPE_LIST] = close_as<TARN_LIST, tarn_list_destroy>;
+    table[TARN_HANDLE_TYPE_SEMAPHORE] = close_as<TARN_SEMAPHORE, tarn_semaphore_destroy>;
+    table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
+    table[TARN_HANDLE_TYPE_DATA] = close_as<TARN_DATA, tarn_data_destroy>;
+    table[TARN_HANDLE_TYPE_REGEX] = close_as<TARN_REGEX, tarn_regex_destroy>;
+    table[TARN_HANDLE_TYPE_HASH] = close_as<TARN_HASH, tarn_hash_destroy>;
+    table[TARN_HANDLE_TYPE_DLL] = close_as<TARN_DLL, tarn_dll_unload>;
+    table[TARN_HANDLE_TYPE_PIPE] = close_as<TARN_PIPE, tarn_pipe_close>;
+    table[TARN_HANDLE_TYPE_MD5] = close_as<TARN_MD5, tarn_md5_destroy>;
+    table[TARN_HANDLE_TYPE_DIR] = close_as<TARN_DIR, tarn_dir_close>;
+    table[TARN_HANDLE_TYPE_RINGBUF] = close_as<TARN_RINGBUF, tarn_ringbuf_destroy>;
+    table[TARN_HANDLE_TYPE_MHASH] = close_as<TARN_MHASH, tarn_mhash_destroy>;
+    return table;
+}();
+
 } // namespace
 
 bool tarn_init(void)
@@ -110,37 +144,10 @@ void tarn_close_handle(void *handle)
     {
         return;
     }
-    switch (static_cast<const tarn_handle_header *>(handle)->type)
+    const uint16_t type = static_cast<const tarn_handle_header *>(handle)->type;
+    if (type < close_table.size() && close_table[type] != nullptr)
     {
-    case TARN_HANDLE_TYPE_CRITICAL_SECTION:
-        tarn_critical_section_destroy(static_cast<TARN_CRITICAL_SECTION>(handle));
-        break;
-    case TARN_HANDLE_TYPE_EVENT:
-        tarn_event_destroy(static_cast<TARN_EVENT>(handle));
-        break;
-    case TARN_HANDLE_TYPE_FILE:
-        tarn_file_close(static_cast<TARN_FILE>(handle));
-        break;
-    case TARN_HANDLE_TYPE_SEMAPHORE:
-        tarn_semaphore_destroy(static_cast<TARN_SEMAPHORE>(handle));
-        break;
-    case TARN_HANDLE_TYPE_THREAD:
-        tarn_thread_stop(static_cast<TARN_THREAD>(handle));
-        break;
-    case TARN_HANDLE_TYPE_REGEX:
-        tarn_regex_destroy(static_cast<TARN_REGEX>(handle));
-        break;
-    case TARN_HANDLE_TYPE_DLL:
-        tarn_dll_unload(static_cast<TARN_DLL>(handle));
-        break;
-    case TARN_HANDLE_TYPE_PIPE:
-        tarn_pipe_close(static_cast<TARN_PIPE>(handle));
-        break;
-    case TARN_HANDLE_TYPE_DIR:
-        tarn_dir_close(static_cast<TARN_DIR>(handle));
-        break;
-    default: // no kind, and tags that are not in use
-        break;
+        close_table[type](handle);
     }
 }
 

@@ -1,5 +1,5 @@
-// Private: what the file module needs of the kernel; for tarn_file.cpp, tarn_file_monitor.cpp and
-// the log level file. Written in linux/tarn_file_linux.cpp.
+// Private: what the file module needs of the kernel; for tarn_file.cpp, tarn_file_monitor.cpp, the
+// log level file, and the util and MD5 modules. Written in linux/tarn_file_linux.cpp.
 //
 // All calls repeat after EINTR and leave errno as the failing call set it. Descriptors are
 // close-on-exec.

@@ -78,6 +78,9 @@ private:
     int fd_ = -1;
 };
 
+/** Duplicate a descriptor, close-on-exec; empty on failure, with errno set. */
+unique_fd duplicate_fd(int fd) noexcept;
+
 /** Repeat a system call that returns -1 on failure while a signal handler interrupts it. */
 template <typename Call>
 auto retry_eintr(Call call)

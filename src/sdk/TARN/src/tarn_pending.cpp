@@ -9,8 +9,6 @@
     }                                                                                              \
     void tarn_##name##_uninit(void) {}
 
-TARN_PENDING_MODULE(ringbuf)
-TARN_PENDING_MODULE(list)
 TARN_PENDING_MODULE(shm)
 TARN_PENDING_MODULE(shmx)
 TARN_PENDING_MODULE(mutex)
@@ -19,12 +17,6 @@ TARN_PENDING_MODULE(serial)
 TARN_PENDING_MODULE(socket)
 TARN_PENDING_MODULE(thread_pool)
 TARN_PENDING_MODULE(timer)
-TARN_PENDING_MODULE(data)
 TARN_PENDING_MODULE(ipc)
-TARN_PENDING_MODULE(algorithm)
-TARN_PENDING_MODULE(hash)
-TARN_PENDING_MODULE(mhash)
-TARN_PENDING_MODULE(util)
 TARN_PENDING_MODULE(conn)
 TARN_PENDING_MODULE(rpc)
-TARN_PENDING_MODULE(md5)

@@ -1,4 +1,5 @@
-// Private: pieces that the string module's sources share; for tarn_str*.cpp.
+// Private: pieces that the string module's sources share; for tarn_str*.cpp, and
+// for the util module, which spells bytes in hex as well.
 #ifndef TARN_STR_INTERNAL_H
 #define TARN_STR_INTERNAL_H
 

@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -29,6 +30,11 @@ void close_fd(int fd) noexcept
         // Not repeated after EINTR: Linux has released the descriptor by then.
         (void)::close(fd);
     }
+}
+
+unique_fd duplicate_fd(int fd) noexcept
+{
+    return unique_fd(::fcntl(fd, F_DUPFD_CLOEXEC, 0));
 }
 
 error_text::error_text(int error_number) noexcept : buffer_{}
