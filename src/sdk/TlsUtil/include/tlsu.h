@@ -130,12 +130,12 @@ typedef struct tlsu_conn_if
      *  @return a new connection, its session created; null when none came */
     void *(*accept)(void *conn_h);
 
-    /** Send all of the bytes, at most 4096. A short positive count is taken for the rest still to
-     *  be sent.
+    /** Send all of the bytes, at most 4096 (tlsu_conn_if_ex::piece_size). A short positive count is
+     *  taken for the rest still to be sent.
      *  @return bytes sent; 0 or negative on failure, which ends the session */
     int (*send)(void *conn_h, const void *bytes, int len);
 
-    /** Receive at most max_len (4096) bytes within timeout_ms.
+    /** Receive at most max_len bytes (4096, or tlsu_conn_if_ex::piece_size) within timeout_ms.
      *  @return byte count; 0 when nothing came; negative when the connection is closed or broken,
      *          which ends the session */
     int (*receive)(void *conn_h, void *buffer, int max_len, uint32_t timeout_ms);
@@ -163,6 +163,11 @@ typedef struct tlsu_conn_if_ex
      *  to handshake_timeout_ms.
      *  @return as accept */
     void *(*accept_now)(void *conn_h);
+
+    /** Most bytes that send and receive are called with; 0 stands for 4096, the upper limit is 65536.
+     *  A TLS record has up to 16 KiB and some: in pieces of 4096 it takes five calls each way, which
+     *  halves the throughput of a fast network. */
+    uint32_t piece_size;
 } tlsu_conn_if_ex;
 
 /** The table. Slot by slot; entries of one kind of object stand together. */
@@ -237,7 +242,7 @@ typedef struct tlsu_if
      *  @param days          validity from begin_date on; may be negative
      *  @param pkey          whose public half is certified
      *  @return freed with x509_free; null on failure */
-    TLSU_CERT (*x509_create)
+    TLSU_CERT(*x509_create)
     (int version, const char *cert_name, const char *issuer_name, const void *serial,
      int serial_len, int64_t begin_date, int days, TLSU_PKEY pkey);
 
@@ -302,7 +307,7 @@ typedef struct tlsu_if
      *  be loaded is reported and leaves the context without anything to trust; none
      *  (chain_len 0) is in order.
      *  @return destroyed with ctx_destroy; null on failure */
-    TLSU_CTX (*ctx_create)
+    TLSU_CTX(*ctx_create)
     (const char *secret, const void *chain_buf, int chain_len, const void *cert_buf, int cert_len,
      const void *key_buf, int key_len);
 
@@ -330,7 +335,8 @@ typedef struct tlsu_if
      *  accept; then, while a handshake is under way, up to its time-out or a stop request. With
      *  tlsu_conn_if_ex::accept_now up to 32 handshakes advance side by side, and the first that is
      *  finished is returned: one that stalls or fails holds up the others for no more than some
-     *  20 ms. Without, for as long as its time-out.
+     *  20 ms, and when 32 stall, the oldest gives way once it has had a second. Without, one that
+     *  stalls holds up the others for as long as its time-out.
      *  @return the peer's connection; null when none came, one failed (it is closed), or the calling
      *          loop thread is asked to stop; handshakes in hand go on with the next call */
     void *(*tls_accept)(TLSU_SESSION tls_svr);
@@ -370,11 +376,12 @@ typedef struct tlsu_if
     void (*errors_print)(int32_t level);
 } tlsu_if;
 
-/** Fill in the table, up to the size that the caller's record says. The first call in the process
- *  logs the version of OpenSSL and initialises it, with its older digests where they are installed.
- *  @param tlsu_if  size set by the caller, left as it is; the whole table has 320 bytes (on 64-bit
- *                  machines)
- *  @return 0; negative for null, and in a build without TLS, where the record stays untouched. */
+/** Fill in the table: as many bytes of it as the size in the caller's record says. The first call in
+ *  the process logs the version of OpenSSL and initialises it, with its older digests where they are
+ *  installed.
+ *  @param tlsu_if  its size set by the caller, before; afterwards that of the whole table, 320 bytes
+ *                  on 64-bit machines, unless it was too small for the size itself
+ *  @return 0; negative for null, and in a build without TLS, where the record stays as it is. */
 TARN_API int tlsu_if_get(struct tlsu_if *tlsu_if);
 
 TARN_END_DECLS
