@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <ctime>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -346,88 +347,100 @@ public:
     }
     size_t max_receive = SIZE_MAX;   ///< bytes per receive
     size_t max_send = SIZE_MAX;      ///< bytes per send
-    size_t capacity = SIZE_MAX;      ///< bytes on the way to this end; senders wait beyond
+    size_t capacity = SIZE_MAX;      ///< bytes on the way from here; send waits beyond
     std::atomic<int> sends_left{-1}; ///< then send fails; -1: never
-    std::atomic<size_t> largest_send{0};
-    std::atomic<size_t> largest_receive{0};
+    std::atomic<int> largest_send{0};
+    std::atomic<int> largest_receive{0};
 
     static void join(memory_connection &a, memory_connection &b)
     {
-        a.peer_ = &b;
-        b.peer_ = &a;
+        a.wire_ = b.wire_ = std::make_shared<wire>();
+        a.in_ = b.out_ = &a.wire_->ways[0];
+        a.out_ = b.in_ = &a.wire_->ways[1];
     }
     /** Bytes for this end, from nowhere. */
     void put(const std::string &bytes)
     {
-        const std::lock_guard lock(mutex_);
-        inbox_ += bytes;
-        changed_.notify_all();
+        const std::lock_guard lock(wire_->mutex);
+        in_->bytes += bytes;
+        wire_->changed.notify_all();
     }
     /** The transport ends, in both directions. */
     void cut()
     {
-        for (memory_connection *end : {this, std::exchange(peer_, nullptr)})
+        if (wire_)
         {
-            if (end != nullptr)
-            {
-                const std::lock_guard lock(end->mutex_);
-                end->is_cut_ = true;
-                end->changed_.notify_all();
-            }
+            const std::lock_guard lock(wire_->mutex);
+            wire_->is_cut = true;
+            wire_->changed.notify_all();
         }
     }
+    /** Bytes on the way to this end. */
     size_t waiting()
     {
-        const std::lock_guard lock(mutex_);
-        return inbox_.size() - taken_;
+        const std::lock_guard lock(wire_->mutex);
+        return in_->size();
     }
     int send(const char *bytes, int len) override
     {
-        largest_send = std::max<size_t>(largest_send, static_cast<size_t>(len));
-        memory_connection *const peer = peer_;
-        if (peer == nullptr || sends_left == 0)
+        largest_send = std::max<int>(largest_send, len);
+        std::unique_lock lock(wire_->mutex);
+        wire_->changed.wait(lock, [this] { return wire_->is_cut || out_->size() < capacity; });
+        if (wire_->is_cut || sends_left == 0)
         {
             return -1;
         }
         sends_left -= sends_left > 0 ? 1 : 0;
-        std::unique_lock lock(peer->mutex_);
-        peer->changed_.wait(lock, [peer] {
-            return peer->is_cut_ || peer->inbox_.size() - peer->taken_ < peer->capacity;
-        });
         const size_t n = std::min(static_cast<size_t>(len), max_send);
-        peer->inbox_.append(bytes, n);
-        peer->changed_.notify_all();
-        return peer->is_cut_ ? -1 : static_cast<int>(n);
+        out_->bytes.append(bytes, n);
+        wire_->changed.notify_all();
+        return static_cast<int>(n);
     }
     int receive(char *buffer, int max_len, uint32_t timeout_ms) override
     {
-        std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
-                          [this] { return is_cut_ || !inbox_.empty(); });
-        if (inbox_.empty())
+        largest_receive = std::max<int>(largest_receive, max_len);
+        std::unique_lock lock(wire_->mutex);
+        wire_->changed.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                                [this] { return wire_->is_cut || in_->size() != 0; });
+        if (in_->size() == 0)
         {
-            return is_cut_ ? -1 : 0;
+            return wire_->is_cut ? -1 : 0;
         }
-        const size_t n =
-            std::min({static_cast<size_t>(max_len), max_receive, inbox_.size() - taken_});
-        inbox_.copy(buffer, n, taken_);
-        taken_ += n;
-        if (taken_ > inbox_.size() / 2)
-        {
-            inbox_.erase(0, std::exchange(taken_, 0));
-        }
-        largest_receive = std::max<size_t>(largest_receive, n);
-        changed_.notify_all();
+        const size_t n = std::min({static_cast<size_t>(max_len), max_receive, in_->size()});
+        in_->take(buffer, n);
+        wire_->changed.notify_all();
         return static_cast<int>(n);
     }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::string inbox_;
-    size_t taken_ = 0; ///< from its start
-    bool is_cut_ = false;
-    memory_connection *peer_ = nullptr;
+    struct way
+    {
+        std::string bytes;
+        size_t taken = 0; ///< from their start
+        [[nodiscard]] size_t size() const
+        {
+            return bytes.size() - taken;
+        }
+        void take(char *out, size_t n)
+        {
+            bytes.copy(out, n, taken);
+            taken += n;
+            if (taken > bytes.size() / 2)
+            {
+                bytes.erase(0, std::exchange(taken, 0));
+            }
+        }
+    };
+    struct wire
+    {
+        std::mutex mutex;
+        std::condition_variable changed;
+        way ways[2];
+        bool is_cut = false;
+    };
+    std::shared_ptr<wire> wire_;
+    way *in_ = nullptr;
+    way *out_ = nullptr;
 };
 
 /** A connection over a socket, for the openssl program at the other end. */
