@@ -21,6 +21,7 @@
 #include "tarn_regex.h"
 #include "tarn_ringbuf.h"
 #include "tarn_semaphore.h"
+#include "tarn_socket.h"
 #include "tarn_thread.h"
 
 #include <algorithm>
@@ -91,6 +92,7 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_FILE] = close_as<TARN_FILE, tarn_file_close>;
     table[TARN_HANDLE_TYPE_LIST] = close_as<TARN_LIST, tarn_list_destroy>;
     table[TARN_HANDLE_TYPE_SEMAPHORE] = close_as<TARN_SEMAPHORE, tarn_semaphore_destroy>;
+    table[TARN_HANDLE_TYPE_SOCKET] = close_as<TARN_SOCKET, tarn_socket_destroy>;
     table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
     table[TARN_HANDLE_TYPE_DATA] = close_as<TARN_DATA, tarn_data_destroy>;
     table[TARN_HANDLE_TYPE_REGEX] = close_as<TARN_REGEX, tarn_regex_destroy>;
