@@ -23,6 +23,8 @@
 #include "tarn_semaphore.h"
 #include "tarn_socket.h"
 #include "tarn_thread.h"
+#include "tarn_thread_pool.h"
+#include "tarn_timer.h"
 
 #include <algorithm>
 
@@ -93,7 +95,9 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_LIST] = close_as<TARN_LIST, tarn_list_destroy>;
     table[TARN_HANDLE_TYPE_SEMAPHORE] = close_as<TARN_SEMAPHORE, tarn_semaphore_destroy>;
     table[TARN_HANDLE_TYPE_SOCKET] = close_as<TARN_SOCKET, tarn_socket_destroy>;
+    table[TARN_HANDLE_TYPE_TIMER] = close_as<TARN_TIMER, tarn_timer_destroy>;
     table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
+    table[TARN_HANDLE_TYPE_THREAD_POOL] = close_as<TARN_THREAD_POOL, tarn_thread_pool_destroy>;
     table[TARN_HANDLE_TYPE_DATA] = close_as<TARN_DATA, tarn_data_destroy>;
     table[TARN_HANDLE_TYPE_REGEX] = close_as<TARN_REGEX, tarn_regex_destroy>;
     table[TARN_HANDLE_TYPE_HASH] = close_as<TARN_HASH, tarn_hash_destroy>;

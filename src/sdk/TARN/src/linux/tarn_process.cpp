@@ -11,6 +11,7 @@
 #include "tarn_process_internal.h"
 #include "tarn_process_state.h"
 #include "tarn_raii.h"
+#include "tarn_sys.h"
 #include "tarn_text.h"
 
 #include <algorithm>
@@ -516,6 +517,22 @@ bool tarn_process_clearenv(void)
 {
     const tarn::lock_guard lock(tarn::environment_lock);
     return ::clearenv() == 0;
+}
+
+int tarn_process_wdt_set_timeout(uint32_t seconds)
+{
+    RVOF(tarn_wdt_set_timeout(seconds), TARN_ERRLN);
+    return 0;
+}
+
+void tarn_process_wdt_kick(void)
+{
+    tarn_wdt_kick();
+}
+
+int tarn_process_wdt_disable(void)
+{
+    return tarn_process_wdt_set_timeout(0);
 }
 
 bool tarn_process_init(void)
