@@ -12,6 +12,7 @@
 #include "tarn_event.h"
 #include "tarn_file.h"
 #include "tarn_hash.h"
+#include "tarn_ipc.h"
 #include "tarn_list.h"
 #include "tarn_md5.h"
 #include "tarn_mhash.h"
@@ -99,6 +100,9 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
     table[TARN_HANDLE_TYPE_THREAD_POOL] = close_as<TARN_THREAD_POOL, tarn_thread_pool_destroy>;
     table[TARN_HANDLE_TYPE_DATA] = close_as<TARN_DATA, tarn_data_destroy>;
+    table[TARN_HANDLE_TYPE_IPC] = [](void *handle) {
+        (void)tarn_ipc_destroy(static_cast<TARN_IPC>(handle));
+    };
     table[TARN_HANDLE_TYPE_REGEX] = close_as<TARN_REGEX, tarn_regex_destroy>;
     table[TARN_HANDLE_TYPE_HASH] = close_as<TARN_HASH, tarn_hash_destroy>;
     table[TARN_HANDLE_TYPE_DLL] = close_as<TARN_DLL, tarn_dll_unload>;

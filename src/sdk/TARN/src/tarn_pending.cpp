@@ -14,7 +14,6 @@ TARN_PENDING_MODULE(shmx)
 TARN_PENDING_MODULE(mutex)
 TARN_PENDING_MODULE(rwlock)
 TARN_PENDING_MODULE(serial)
-TARN_PENDING_MODULE(ipc)
 TARN_PENDING_MODULE(rpc)
 
 // Until the TLS utility is there, its table cannot be had.
