@@ -16,6 +16,19 @@
 namespace support
 {
 
+/** The layer for a scope that leaves nothing behind: neither while it is up nor with its end. */
+class leak_checked_layer
+{
+private:
+    /** What the first start-up opens stays for the process's life. */
+    const bool warm_ = [] {
+        const layer first;
+        return true;
+    }();
+    const leak_check leaks_;
+    const layer layer_;
+};
+
 /** Times that a test does not want to wait out; the usual ones afterwards. */
 class ipc_times
 {

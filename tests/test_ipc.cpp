@@ -20,7 +20,6 @@ using support::ipc_side;
 using support::ipc_text;
 using support::ipc_text_of;
 using support::ipc_times;
-using support::leak_check;
 using support::unique_name;
 using support::wait_until;
 
@@ -211,8 +210,7 @@ TEST(IpcCall, TellsEachWrongArgument)
 
 TEST(IpcCall, CarriesArgumentsResultsAndNames)
 {
-    const leak_check leaks;
-    const support::layer layer;
+    const support::leak_checked_layer layer;
     {
         pair_of_ends ends;
         ends.server_side.on_call = ipc_echo;
@@ -352,8 +350,7 @@ TEST(IpcCall, OneRequestBufferServesSeveralThreads)
 
 TEST(IpcOpen, FailsWithoutServerWithTakenNameAndWithoutGreeting)
 {
-    const leak_check leaks;
-    const support::layer layer;
+    const support::leak_checked_layer layer;
     const ipc_times times([](tarn::ipc_limits &limit) { limit.greeting_ms = 100; });
     const support::log_capture log;
     ipc_side side;
@@ -376,8 +373,7 @@ TEST(IpcOpen, FailsWithoutServerWithTakenNameAndWithoutGreeting)
 
 TEST(IpcServer, TurnsAwayWhoGetsNoCallbacksAndWhoIsTooMany)
 {
-    const leak_check leaks;
-    const support::layer layer;
+    const support::leak_checked_layer layer;
     const ipc_times times([](tarn::ipc_limits &limit) {
         limit.resolve_ms = 1;
         limit.accept_ms = 20;
@@ -413,8 +409,7 @@ TEST(IpcServer, TurnsAwayWhoGetsNoCallbacksAndWhoIsTooMany)
 
 TEST(IpcProcesses, ManyCallOneAnother)
 {
-    const leak_check leaks;
-    const support::layer layer;
+    const support::leak_checked_layer layer;
     const size_t count = support::with_sanitizer ? 8 : 50;
     const std::string name = unique_name("hub");
     ipc_side side;
@@ -438,8 +433,7 @@ TEST(IpcProcesses, ManyCallOneAnother)
 
 TEST(IpcProcesses, CallersReturnWhenTheServerIsKilled)
 {
-    const leak_check leaks;
-    const support::layer layer;
+    const support::leak_checked_layer layer;
     const std::string name = unique_name("mortal");
     auto server = support::child_process::role("ipc_server", {name});
     ASSERT_TRUE(server.wait_for_line("ready"));
@@ -473,8 +467,7 @@ TEST(IpcProcesses, CallersReturnWhenTheServerIsKilled)
 
 TEST(IpcProcesses, AKilledClientEndsNoHandlerAndNoOtherClient)
 {
-    const leak_check leaks;
-    const support::layer layer;
+    const support::leak_checked_layer layer;
     const ipc_times times([](tarn::ipc_limits &limit) { limit.accept_ms = 20; });
     const std::string name = unique_name("hub");
     ipc_side side;
@@ -576,8 +569,7 @@ print("good")
 
 TEST(IpcWire, AnIndependentServerIsCalled)
 {
-    const leak_check leaks;
-    const support::layer layer;
+    const support::leak_checked_layer layer;
     const ipc_times times([](tarn::ipc_limits &limit) {
         limit.response_ms = 200;
         limit.slice_ms = 20;

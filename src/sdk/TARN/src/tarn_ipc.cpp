@@ -409,9 +409,8 @@ int destroy_conn(ipc_conn *conn)
             return 1; // a destroy is under way, this is a callback of its
         }
     }
-    tarn::ipc_conn_close(conn);
+    tarn::ipc_conn_destroy(conn);
     tarn::wait_for_callbacks(conn->callbacks);
-    tarn::ipc_conn_unref(conn);
     return 1;
 }
 
@@ -646,7 +645,7 @@ TARN_THREAD ipc_start_thread(ipc_conn *conn)
     return tarn_thread_start(ipc_conn_proc, conn, nullptr, 0, "ipc_conn_proc");
 }
 
-void ipc_conn_close(ipc_conn *conn)
+void ipc_conn_destroy(ipc_conn *conn)
 {
     {
         const critical_section_guard guard(conn->lock);
@@ -656,6 +655,7 @@ void ipc_conn_close(ipc_conn *conn)
         }
         ipc_store(conn->closing, 1);
     }
+    const conn_ref_owner handle(conn);
     socket_abort(conn->slot);
     ipc_drop_line(conn, ipc_disconnected);
     (void)tarn_event_set(conn->admitted);

@@ -334,8 +334,9 @@ void ipc_report_connected(ipc_conn *conn, const char *name);
 /** Start the receiving thread, which begins to work when it is stored in the connection. */
 TARN_THREAD ipc_start_thread(ipc_conn *conn);
 
-/** All of a destroy but the wait for handlers and the handle's reference. */
-void ipc_conn_close(ipc_conn *conn);
+/** End a connection and drop the reference of its handle or its server's list, without waiting for
+ *  its handlers. Nothing when that is under way already. */
+void ipc_conn_destroy(ipc_conn *conn);
 
 /** Count an on_call that is going to run; false when the connection is closing. */
 bool ipc_begin_call(ipc_conn *conn);

@@ -182,7 +182,7 @@ void accept_one(ipc_server *svr, tarn::socket_owner sock, const char *caller)
         return;
     }
     TARN_LOG_DEBUG("destroy ipc conn");
-    tarn::ipc_conn_close(conn.get());
+    tarn::ipc_conn_destroy(conn.release());
 }
 
 void serve_one(ipc_server *svr)
@@ -323,8 +323,7 @@ void ipc_server_remove_inactive_connection(ipc_server *svr)
     }
     const callback_scope scope(svr->callbacks);
     log_dead(dead);
-    ipc_conn_close(dead);
-    ipc_conn_unref(dead);
+    ipc_conn_destroy(dead);
 }
 
 int ipc_server_destroy(ipc_server *svr)
@@ -341,8 +340,7 @@ int ipc_server_destroy(ipc_server *svr)
     stop_thread(svr);
     while (ipc_conn *const conn = pop_conn(svr))
     {
-        ipc_conn_close(conn);
-        ipc_conn_unref(conn);
+        ipc_conn_destroy(conn);
     }
     wait_for_callbacks(svr->callbacks);
     ipc_server_unref(svr);
