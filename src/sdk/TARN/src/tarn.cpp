@@ -12,6 +12,7 @@
 #include "tarn_event.h"
 #include "tarn_file.h"
 #include "tarn_hash.h"
+#include "tarn_ipc.h"
 #include "tarn_list.h"
 #include "tarn_md5.h"
 #include "tarn_mhash.h"
@@ -92,8 +93,7 @@ void close_as(void *handle)
 /** What the generic close does, by type tag; null for tags that are not in use. */
 constexpr auto close_table = [] {
     std::array<void (*)(void *), TARN_HANDLE_TYPE_MHASH + 1> table{};
-    table[TARN_HANDLE_TYPE_CRITICAL_SECTION] =
-        close_as<TARN_CRITICAL_SECTION, tarn_critical_section_destroy>;
+    table[TARN_HANDLE_TYPE_CRITICAL_SECTION] = close_as<TARN_CRITICAL_SECTION, tarn_critical_section_destroy>;
     table[TARN_HANDLE_TYPE_EVENT] = close_as<TARN_EVENT, tarn_event_destroy>;
     table[TARN_HANDLE_TYPE_FILE] = close_as<TARN_FILE, tarn_file_close>;
     table[TARN_HANDLE_TYPE_LIST] = close_as<TARN_LIST, tarn_list_destroy>;
@@ -107,6 +107,7 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
     table[TARN_HANDLE_TYPE_THREAD_POOL] = close_as<TARN_THREAD_POOL, tarn_thread_pool_destroy>;
     table[TARN_HANDLE_TYPE_DATA] = close_as<TARN_DATA, tarn_data_destroy>;
+    table[TARN_HANDLE_TYPE_IPC] = close_as<TARN_IPC, tarn_ipc_destroy>;
     table[TARN_HANDLE_TYPE_REGEX] = close_as<TARN_REGEX, tarn_regex_destroy>;
     table[TARN_HANDLE_TYPE_HASH] = close_as<TARN_HASH, tarn_hash_destroy>;
     table[TARN_HANDLE_TYPE_DLL] = close_as<TARN_DLL, tarn_dll_unload>;

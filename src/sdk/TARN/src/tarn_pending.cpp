@@ -10,5 +10,4 @@
     void tarn_##name##_uninit(void) {}
 
 TARN_PENDING_MODULE(shmx)
-TARN_PENDING_MODULE(ipc)
 TARN_PENDING_MODULE(rpc)
