@@ -26,6 +26,7 @@
 #include "tarn_semaphore.h"
 #include "tarn_serial.h"
 #include "tarn_shm.h"
+#include "tarn_shmx.h"
 #include "tarn_socket.h"
 #include "tarn_thread.h"
 #include "tarn_thread_pool.h"
@@ -114,6 +115,7 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_PIPE] = close_as<TARN_PIPE, tarn_pipe_close>;
     table[TARN_HANDLE_TYPE_MD5] = close_as<TARN_MD5, tarn_md5_destroy>;
     table[TARN_HANDLE_TYPE_DIR] = close_as<TARN_DIR, tarn_dir_close>;
+    table[TARN_HANDLE_TYPE_SHMX] = close_as<TARN_SHMX, tarn_shmx_destroy>;
     table[TARN_HANDLE_TYPE_RINGBUF] = close_as<TARN_RINGBUF, tarn_ringbuf_destroy>;
     table[TARN_HANDLE_TYPE_MHASH] = close_as<TARN_MHASH, tarn_mhash_destroy>;
     return table;

@@ -9,5 +9,4 @@
     }                                                                                              \
     void tarn_##name##_uninit(void) {}
 
-TARN_PENDING_MODULE(shmx)
 TARN_PENDING_MODULE(rpc)

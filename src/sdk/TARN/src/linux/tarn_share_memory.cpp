@@ -19,13 +19,11 @@
 #include "tarn_raii.h"
 #include "tarn_shm_internal.h"
 #include "tarn_str.h"
-#include "tarn_text.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -134,9 +132,8 @@ bool makes_file_name(const char *name)
 
 bool format_path(char *path, size_t size, const char *name)
 {
-    tarn::text_writer text(path, size);
-    text.append(tarn::shm_root()).append('/').append(tarn::shm_file_prefix).append(name);
-    return !text.truncated();
+    const int length = tarn_str_printf(path, size, "%s/TARN_SHM_%s", tarn::shm_root(), name);
+    return length > 0 && static_cast<size_t>(length) < size;
 }
 
 object_owner make_shm_object(const char *name)
@@ -183,7 +180,7 @@ bool peek_header(int segment_id, tarn::shm_segment_header *out)
 
 bool is_dead(pid_t pid)
 {
-    return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
+    return pid > 0 && tarn::process_is_gone(pid); // 0: a process that cannot be named here
 }
 
 /** Remove the segment that a dead creator left behind: its key is lost with its file. Processes
