@@ -187,9 +187,10 @@ enum class scan_result
 scan_result scan_short(int argc, char *const *argv, const char **config_file_out,
                        short_options *found)
 {
-    for (int i = 1; i < argc; ++i)
+    for (int i = 1; i < argc && argv[i] != nullptr; ++i)
     {
         const std::string_view argument = argv[i];
+        const char *const next = i + 1 < argc ? argv[i + 1] : nullptr;
         if (argument == "--version" || argument == "-v")
         {
             return scan_result::version;
@@ -200,19 +201,21 @@ scan_result scan_short(int argc, char *const *argv, const char **config_file_out
         }
         else if (argument == "-f")
         {
-            if (config_file_out == nullptr || i + 1 >= argc)
+            if (config_file_out == nullptr || next == nullptr)
             {
                 return scan_result::error;
             }
-            *config_file_out = argv[++i];
+            *config_file_out = next;
+            ++i;
         }
         else if (argument == "-log")
         {
-            if (i + 1 >= argc || !is_level_name(argv[i + 1]))
+            if (next == nullptr || !is_level_name(next))
             {
                 return scan_result::error;
             }
-            found->log_level = argv[++i];
+            found->log_level = next;
+            ++i;
         }
         else if (argument == "-t")
         {
@@ -293,6 +296,7 @@ int enter_frame(const char *instance_name, bool single_instance)
 
 bool tarn_process_wait_exit(uint32_t ms)
 {
+    tarn::restart_signal_relay();
     tarn::use_default_signal_action(false);
     return tarn_event_wait(tarn::exit_event(), ms);
 }
