@@ -574,6 +574,7 @@ int64_t conn_write_link_parts(TARN_CONN conn, conn_link *link, std::span<const s
     }
     else
     {
+        const errno_keeper keep;
         log_write_failure(link, errno);
     }
     return written;

@@ -17,7 +17,6 @@ TARN_PENDING_MODULE(serial)
 TARN_PENDING_MODULE(thread_pool)
 TARN_PENDING_MODULE(timer)
 TARN_PENDING_MODULE(ipc)
-TARN_PENDING_MODULE(rpc)
 
 // Until the TLS utility is there, its table cannot be had.
 extern "C" int tlsu_if_get(struct tlsu_if *)
