@@ -211,8 +211,15 @@ void wait_step(TARN_RPC rpc, rpc_pending &request, uint32_t left_ms)
     }
 }
 
+constexpr uint32_t stop_slice_ms = 100;
+
+bool is_stopped(const rpc_pending &request)
+{
+    return request.stop != nullptr && __atomic_load_n(request.stop, __ATOMIC_ACQUIRE);
+}
+
 /** Wait until a request is done.
- *  @return false when the time passed, or the object is being destroyed */
+ *  @return false when the time passed, its sender gave up or the object is being destroyed */
 bool wait_for_reply(TARN_RPC rpc, rpc_pending &request, uint32_t timeout_ms)
 {
     if (tarn::rpc_turn_depth(rpc) == 0 && tarn::rpc_thread(rpc) != TARN_INVALID_HANDLE)
@@ -229,13 +236,13 @@ bool wait_for_reply(TARN_RPC rpc, rpc_pending &request, uint32_t timeout_ms)
     const uint32_t start = tarn_tick_ms();
     for (uint32_t left = timeout_ms;;)
     {
-        wait_step(rpc, request, left);
+        wait_step(rpc, request, request.stop != nullptr ? std::min(left, stop_slice_ms) : left);
         if (tarn::rpc_is_done(request))
         {
             return true;
         }
         left = time_left(start, timeout_ms);
-        if (left == 0 || !tarn::rpc_is_alive(rpc))
+        if (left == 0 || !tarn::rpc_is_alive(rpc) || is_stopped(request))
         {
             return false;
         }
@@ -280,6 +287,10 @@ int exchange_request(TARN_RPC rpc, conn_link *line, rpc_pending &request, TARN_R
     // Out of the table: a reply that came between the end of the wait and that counts.
     if (!replied && !tarn::rpc_is_done(request))
     {
+        if (is_stopped(request))
+        {
+            return TARN_ERRLN;
+        }
         TARN_LOG_ERROR("[%s] seq_no = [%u], msg_id = [%u], wait reply timeout!",
                        tarn::rpc_name(rpc), request.seq_no, request.msg_id);
         tarn::rpc_line_fail(rpc, line);
@@ -647,6 +658,48 @@ void rpc_complete(TARN_RPC rpc, const rpc_frame_fields &fields, TARN_RPC_MSG msg
     }
 }
 
+int rpc_msg_send_until(TARN_RPC rpc_h, uint32_t seq_no, uint32_t msg_id, TARN_RPC_MSG msg,
+                       TARN_RPC_MSG *rsp_msg, uint32_t timeout_ms, const bool *stop)
+{
+    if (rsp_msg != nullptr)
+    {
+        *rsp_msg = nullptr;
+    }
+    RVON(rpc_h, TARN_ERRLN);
+    if (rpc_h->type == RPC_OBJ_TYPE_SERVER)
+    {
+        TARN_LOG_ERROR("[%s] forbidden to send on server type rpc!", rpc_name(rpc_h));
+        return TARN_ERRLN;
+    }
+    const rpc_pin pin(rpc_h);
+    const link_pin line = rpc_hold_line(rpc_h);
+    if (!line)
+    {
+        TARN_LOG_ERROR("[%s] has not connected!", rpc_name(rpc_h));
+        return TARN_ERRLN;
+    }
+    TARN_LOG_DEBUG("seq_no = [%u], msg_id = [%u], msg_rsp_h = [%p]", seq_no, msg_id,
+                   static_cast<void *>(rsp_msg));
+    rpc_pending request = {.seq_no = seq_no,
+                           .msg_id = msg_id & ~rpc_reply_bit,
+                           .reply_code = 0,
+                           .reply = nullptr,
+                           .event = nullptr,
+                           .done = false,
+                           .stop = stop};
+    if (rsp_msg == nullptr)
+    {
+        return send_request(rpc_h, line.get(), request, msg, false, rpc_send_limit_ms) ? 0
+                                                                                       : TARN_ERRLN;
+    }
+    if (msg != nullptr)
+    {
+        // Several threads may send one message.
+        __atomic_store_n(&msg->rsp_flag_or_code, 1u, __ATOMIC_RELAXED);
+    }
+    return send_and_wait(rpc_h, line.get(), request, msg, rsp_msg, timeout_ms);
+}
+
 } // namespace tarn
 
 // ---- life ---------------------------------------------------------------------------------------------
@@ -766,43 +819,7 @@ bool tarn_rpc_is_connected(TARN_RPC rpc_h)
 int tarn_rpc_msg_send(TARN_RPC rpc_h, uint32_t seq_no, uint32_t msg_id, TARN_RPC_MSG msg,
                       TARN_RPC_MSG *rsp_msg, uint32_t timeout_ms)
 {
-    if (rsp_msg != nullptr)
-    {
-        *rsp_msg = nullptr;
-    }
-    RVON(rpc_h, TARN_ERRLN);
-    if (rpc_h->type == RPC_OBJ_TYPE_SERVER)
-    {
-        TARN_LOG_ERROR("[%s] forbidden to send on server type rpc!", tarn::rpc_name(rpc_h));
-        return TARN_ERRLN;
-    }
-    const rpc_pin pin(rpc_h);
-    const link_pin line = tarn::rpc_hold_line(rpc_h);
-    if (!line)
-    {
-        TARN_LOG_ERROR("[%s] has not connected!", tarn::rpc_name(rpc_h));
-        return TARN_ERRLN;
-    }
-    TARN_LOG_DEBUG("seq_no = [%u], msg_id = [%u], msg_rsp_h = [%p]", seq_no, msg_id,
-                   static_cast<void *>(rsp_msg));
-    rpc_pending request = {.seq_no = seq_no,
-                           .msg_id = msg_id & ~tarn::rpc_reply_bit,
-                           .reply_code = 0,
-                           .reply = nullptr,
-                           .event = nullptr,
-                           .done = false};
-    if (rsp_msg == nullptr)
-    {
-        return send_request(rpc_h, line.get(), request, msg, false, tarn::rpc_send_limit_ms)
-                   ? 0
-                   : TARN_ERRLN;
-    }
-    if (msg != nullptr)
-    {
-        // Several threads may send one message.
-        __atomic_store_n(&msg->rsp_flag_or_code, 1u, __ATOMIC_RELAXED);
-    }
-    return send_and_wait(rpc_h, line.get(), request, msg, rsp_msg, timeout_ms);
+    return tarn::rpc_msg_send_until(rpc_h, seq_no, msg_id, msg, rsp_msg, timeout_ms, nullptr);
 }
 
 int tarn_rpc_element_send(TARN_RPC rpc_h, uint32_t seq_no, uint32_t msg_id, uint16_t elm_id,

@@ -53,7 +53,8 @@ struct rpc_pending
     int32_t reply_code;
     TARN_RPC_MSG reply; ///< until the sender takes it
     TARN_EVENT event;
-    bool done; ///< atomic; set under the lock
+    bool done;        ///< atomic; set under the lock
+    const bool *stop; ///< atomic; ends the wait; null: nothing does
 };
 
 /** A request that waits for the turns above it to end. */
@@ -204,6 +205,11 @@ void rpc_line_fail(TARN_RPC rpc, conn_link *line);
 int64_t rpc_send_frame(TARN_RPC rpc, conn_link *line, uint32_t seq_no, uint32_t msg_id,
                        uint32_t rsp_flag_or_code, std::span<const uint8_t> data,
                        uint32_t timeout_ms);
+
+/** tarn_rpc_msg_send() with a reply that its caller may give up: within a tenth of a second after stop
+ *  (atomic) has become true; the line is kept then. */
+int rpc_msg_send_until(TARN_RPC rpc, uint32_t seq_no, uint32_t msg_id, TARN_RPC_MSG msg,
+                       TARN_RPC_MSG *rsp_msg, uint32_t timeout_ms, const bool *stop);
 
 /** The object's loop thread. */
 TARN_THREAD rpc_thread(TARN_RPC rpc);
