@@ -22,6 +22,7 @@
 #include "tarn_process.h"
 #include "tarn_regex.h"
 #include "tarn_ringbuf.h"
+#include "tarn_rpc.h"
 #include "tarn_rwlock.h"
 #include "tarn_semaphore.h"
 #include "tarn_serial.h"
@@ -113,6 +114,7 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_HASH] = close_as<TARN_HASH, tarn_hash_destroy>;
     table[TARN_HANDLE_TYPE_DLL] = close_as<TARN_DLL, tarn_dll_unload>;
     table[TARN_HANDLE_TYPE_PIPE] = close_as<TARN_PIPE, tarn_pipe_close>;
+    table[TARN_HANDLE_TYPE_RPC] = close_as<TARN_RPC, tarn_rpc_destroy>;
     table[TARN_HANDLE_TYPE_MD5] = close_as<TARN_MD5, tarn_md5_destroy>;
     table[TARN_HANDLE_TYPE_DIR] = close_as<TARN_DIR, tarn_dir_close>;
     table[TARN_HANDLE_TYPE_SHMX] = close_as<TARN_SHMX, tarn_shmx_destroy>;
