@@ -16,7 +16,8 @@
  *  Signals, from tarn_init() on: SIGTERM, SIGINT and SIGQUIT end the process by their default
  *  action until the first tarn_process_wait_exit(); from then on the first three set the exit
  *  event and the fourth kills. SIGPIPE is ignored. SIGUSR1 switches the logging of serial traffic
- *  on, SIGUSR2 off.
+ *  on, SIGUSR2 off. In a forked child that goes on without exec, termination signals take their
+ *  default action until its own first tarn_process_wait_exit().
  *  Threads: the command line, instance lock and daemon calls belong to the main thread before any
  *  other thread runs; the rest may be called from any thread. */
 #ifndef TARN_PROCESS_H

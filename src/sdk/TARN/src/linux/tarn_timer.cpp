@@ -1,10 +1,12 @@
 // Timers: a timerfd, and a loop thread that reads it when there is a callback.
 //
-// Stopping. `running` says whether the timer is to tick. stop_fd is its shadow for poll(): readable
-// while the timer is stopped, so that a stop reaches whoever waits at once. A start or stop from
-// outside is marked in `changing`, which keeps a second start away; a start or stop from inside the
-// callback only flips `running` and the descriptor, and the timer's thread goes on or ends when the
-// callback has returned. So there is never more than one thread per timer.
+// Stopping. `running` says whether the timer is to tick. A timer's thread blocks in read(), which
+// is what brings the ticks in soonest: a stop from outside lets the descriptor expire at once, the
+// thread then finds the timer stopped and ends. Callers of tarn_timer_wait() poll the descriptor
+// together with stop_fd, the shadow of `running` for poll(): readable while the timer is stopped.
+// A start from outside is marked in `changing`, which keeps a second one away; a start or stop from
+// inside the callback only flips `running` and the descriptor, and the thread goes on or ends when
+// the callback has returned. So there is never more than one thread per timer.
 //
 // Who frees the timer. It counts its users: the handle, each call under way that may outlast the
 // handle, and the thread. The thread's share goes with `thread`, the thread's handle: whoever takes
@@ -41,7 +43,6 @@ namespace
 __extension__ using wide_ns = unsigned __int128;
 
 constexpr uint64_t ns_per_s = 1000000000;
-constexpr uint64_t thread_slice_ns = ns_per_s;
 constexpr uint64_t wait_slice_ns = 60 * ns_per_s;
 
 } // namespace
@@ -49,7 +50,7 @@ constexpr uint64_t wait_slice_ns = 60 * ns_per_s;
 struct tarn_timer
 {
     tarn_handle_header header;
-    int32_t fd;         ///< the timer descriptor
+    int32_t fd;         ///< the timer descriptor; reads block when there is a callback
     uint32_t monotonic; ///< 0 or 1, which is also the clock's id
     tarn_timer_callback callback;
     void *arg1;
@@ -60,7 +61,7 @@ struct tarn_timer
     uint64_t due_nsec;
     TARN_THREAD thread;              ///< null: no thread, or a stopper is joining it
     TARN_CRITICAL_SECTION crit_sect; ///< see above
-    int32_t stop_fd;                 ///< readable while the timer is stopped
+    int32_t stop_fd;                 ///< without callback: readable while the timer is stopped
     uint32_t users;                  ///< see above; shared, atomic access only
     bool running;                    ///< under crit_sect, as all below
     bool changing;                   ///< a start or stop from outside is under way
@@ -180,21 +181,15 @@ int arm(TARN_TIMER t, bool *clock_failed)
     return timerfd_settime(t->fd, flags, &setting, nullptr) == 0 ? 0 : errno;
 }
 
-/** Arm the timer.
- *  @return 0; TARN_ERRLN when it has been stopped meanwhile or the system refuses */
+/** Arm the timer, unless it has been stopped meanwhile.
+ *  @return 0, or TARN_ERRLN */
 int set_timer(TARN_TIMER t)
 {
-    bool stopped = false;
     bool clock_failed = false;
     int error = 0;
     {
         const locked lock(t->crit_sect);
-        stopped = !t->running;
-        error = stopped ? 0 : arm(t, &clock_failed);
-    }
-    if (stopped)
-    {
-        return TARN_ERRLN;
+        error = t->running ? arm(t, &clock_failed) : 0;
     }
     if (clock_failed)
     {
@@ -211,33 +206,53 @@ int set_timer(TARN_TIMER t)
     return 0;
 }
 
-/** Mark the timer as running, for poll() as well; the lock is held. */
+/** Mark the timer as running; the lock is held. */
 void mark_running(TARN_TIMER t, uint64_t interval_ns, uint64_t offset_ns)
 {
     t->interval_ns = interval_ns;
     t->offset_ns = offset_ns;
     t->running = true;
     eventfd_t stops = 0;
-    (void)eventfd_read(t->stop_fd, &stops); // never blocks
+    if (t->stop_fd >= 0)
+    {
+        (void)eventfd_read(t->stop_fd, &stops); // never blocks
+    }
 }
 
-/** Mark the timer as stopped, for poll() as well; the lock is held. */
+/** Mark the timer as stopped; the lock is held. */
 void mark_stopped(TARN_TIMER t)
 {
     t->running = false;
-    (void)eventfd_write(t->stop_fd, 1);
+    if (t->stop_fd >= 0)
+    {
+        (void)eventfd_write(t->stop_fd, 1);
+    }
 }
 
+/** End the read that the timer's thread is in or comes to; the lock is held, the timer stopped. */
+void wake_thread(TARN_TIMER t)
+{
+    itimerspec at_once{};
+    at_once.it_value.tv_nsec = 1;
+    (void)timerfd_settime(t->fd, 0, &at_once, nullptr);
+}
+
+/** Disarm a stopped timer; the lock is held.
+ *  @return 0, or an error number */
+int disarm_locked(TARN_TIMER t)
+{
+    const itimerspec never{};
+    return t->running || timerfd_settime(t->fd, 0, &never, nullptr) == 0 ? 0 : errno;
+}
+
+/** Disarm a stopped timer, but not while its thread may wait for the expiry that ends it. */
 void disarm(TARN_TIMER t)
 {
     int error = 0;
     {
         const locked lock(t->crit_sect);
-        const itimerspec never{};
-        if (!t->running && timerfd_settime(t->fd, 0, &never, nullptr) != 0)
-        {
-            error = errno;
-        }
+        const bool may_wait = t->in_proc && in_callback_of != t;
+        error = may_wait ? 0 : disarm_locked(t);
     }
     if (error != 0)
     {
@@ -346,22 +361,29 @@ struct due_time
 };
 
 /** Time of the latest of count expiries; the record goes on to the one after it. Done before the
- *  callback, which may start the timer anew. */
-due_time take_due(TARN_TIMER t, uint64_t count)
+ *  callback, which may start the timer anew.
+ *  @return false when the timer is stopped: the expiry is there to say so */
+bool take_due(TARN_TIMER t, uint64_t count, due_time *out)
 {
     const locked lock(t->crit_sect);
+    if (!t->running)
+    {
+        return false;
+    }
     if (t->monotonic == 0 && count > 1)
     {
         advance_due(t, count - 1);
     }
-    const due_time due = {t->due_sec, static_cast<uint32_t>(t->due_nsec)};
+    *out = {t->due_sec, static_cast<uint32_t>(t->due_nsec)};
     advance_due(t, 1);
-    return due;
+    return true;
 }
 
-void report_expiry(TARN_TIMER t)
+/** Wait for an expiry and report it. */
+void serve_expiry(TARN_TIMER t)
 {
     const expiry_count e = read_expiries(t);
+    due_time due{};
     if (is_clock_change(t, e))
     {
         realign(t);
@@ -370,7 +392,7 @@ void report_expiry(TARN_TIMER t)
     {
         log_read_error(e);
     }
-    else if (const due_time due = take_due(t, e.count); e.complete())
+    else if (take_due(t, e.count, &due) && e.complete())
     {
         in_callback_of = t;
         (void)t->callback(t, e.count, due.sec, due.nsec, t->arg1, t->arg2);
@@ -393,10 +415,7 @@ void leave_proc(TARN_TIMER t, bool unwinding)
         {
             mark_stopped(t);
         }
-    }
-    if (unwinding)
-    {
-        disarm(t); // the thread's object goes with the thread
+        (void)disarm_locked(t);
     }
     if (drop)
     {
@@ -423,15 +442,7 @@ void *tarn_timer_proc(void *timer, void *)
     tarn::scope_exit unwound([t] { leave_proc(t, true); });
     while (!tarn_thread_sleep(0) && is_running(t))
     {
-        const wait_result result = wait_for_expiry(t, thread_slice_ns);
-        if (result == wait_result::failed)
-        {
-            log_wait_error(errno);
-        }
-        else if (result == wait_result::readable)
-        {
-            report_expiry(t);
-        }
+        serve_expiry(t);
     }
     unwound.dismiss();
     leave_proc(t, false);
@@ -492,6 +503,10 @@ void stop_from_outside(TARN_TIMER t)
         const locked lock(t->crit_sect);
         thread = std::exchange(t->thread, nullptr);
         mark_stopped(t);
+        if (thread != nullptr)
+        {
+            wake_thread(t);
+        }
     }
     if (thread != nullptr)
     {
@@ -597,11 +612,12 @@ TARN_TIMER tarn_timer_create(int kind, tarn_timer_callback callback, void *arg1,
     section_owner crit_sect(tarn_critical_section_create());
     RVON(crit_sect, TARN_INVALID_HANDLE);
     t->monotonic = kind == TARN_TIMER_MONOTONIC ? 1 : 0;
+    const int blocking = callback != nullptr ? 0 : TFD_NONBLOCK;
     tarn::unique_fd fd(
-        timerfd_create(static_cast<clockid_t>(t->monotonic), TFD_NONBLOCK | TFD_CLOEXEC));
+        timerfd_create(static_cast<clockid_t>(t->monotonic), blocking | TFD_CLOEXEC));
     RVON(fd, TARN_INVALID_HANDLE);
-    tarn::unique_fd stop_fd(eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC));
-    RVON(stop_fd, TARN_INVALID_HANDLE);
+    tarn::unique_fd stop_fd(callback != nullptr ? -1 : eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC));
+    RVOF(callback != NULL || stop_fd, TARN_INVALID_HANDLE);
     t->callback = callback;
     t->arg1 = arg1;
     t->arg2 = arg2;
@@ -620,6 +636,7 @@ int tarn_timer_start(TARN_TIMER t, uint64_t interval_ns, uint64_t offset_ns)
     {
         return restart_from_callback(t, interval_ns, offset_ns);
     }
+    const tarn::cancel_guard no_cancel;
     const timer_user user(t);
     const change_guard change(t);
     RVOF(change, TARN_ERRLN);
@@ -647,6 +664,7 @@ void tarn_timer_stop(TARN_TIMER t)
         stop_from_callback(t);
         return;
     }
+    const tarn::cancel_guard no_cancel; // a half-done change would stay so
     const timer_user user(t);
     const change_guard change(t);
     stop_from_outside(t);
