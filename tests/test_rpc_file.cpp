@@ -127,11 +127,11 @@ private:
             self->full_ += percent == 100 ? 1 : 0; // the last block, and the end
             self->error_ = error != nullptr ? error : "";
         }
+        self->changed_.notify_all();
         if (self->on_progress)
         {
             self->on_progress(handle, calls);
         }
-        self->changed_.notify_all();
     }
     TARN_RPC_FILE_SEND handle_ = nullptr;
     std::mutex lock_;
@@ -345,11 +345,11 @@ TEST_P(RpcFile, SenderMayBeStoppedAtEveryStage)
         {
             transfer sending;
             sending.on_progress = [&](TARN_RPC_FILE_SEND handle, uint32_t calls) {
-                seen = calls;
                 if (calls == stage)
                 {
                     tarn_rpc_file_send_destroy(handle); // inside its own callback
                 }
+                seen = calls; // the last that the thread does here
             };
             sending.begin(client_.get(), path, "stage" + std::to_string(stage));
             ASSERT_TRUE(sending.begun());

@@ -748,6 +748,7 @@ void tarn_rpc_destroy(TARN_RPC rpc_h)
     if (rpc_h->type == RPC_OBJ_TYPE_SERVER)
     {
         tarn_conn_server_destroy(rpc_h->svr_h);
+        tarn::wait_for_callbacks(rpc_h->foreign_turns);
     }
     else
     {

@@ -131,10 +131,11 @@ struct tarn_rpc
     TARN_HASH receivers; ///< files being received, by token
     TARN_CRITICAL_SECTION receivers_cs;
     tarn::rpc_file_callbacks file;
-    TARN_RPC owner;                     ///< of a server connection: its server, with a reference
-    uint32_t refs;                      ///< atomic
-    TARN_EVENT closing;                 ///< set by the destroy
-    tarn::callback_count foreign_turns; ///< turns that run outside the loop thread
+    TARN_RPC owner;     ///< of a server connection: its server, with a reference
+    uint32_t refs;      ///< atomic
+    TARN_EVENT closing; ///< set by the destroy
+    /** Turns that run outside the loop thread; of a server, reports of its connections' ends. */
+    tarn::callback_count foreign_turns;
 };
 TARN_ASSERT_RECORD(tarn_rpc);
 

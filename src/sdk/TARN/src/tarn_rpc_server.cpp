@@ -170,6 +170,11 @@ void rpc_leave_table(TARN_RPC rpc)
 
 void rpc_report_end(TARN_RPC rpc)
 {
+    // Counted before the mark is looked at: a destroy of the server that finds it set waits for the
+    // report that is under way.
+    const rpc_pin server_pin(rpc->owner);
+    count_callback(rpc->owner->foreign_turns);
+    const callback_scope scope(rpc->owner->foreign_turns);
     if (__atomic_exchange_n(&rpc->reported, uint8_t{1}, __ATOMIC_ACQ_REL) != 0)
     {
         return;
