@@ -248,7 +248,10 @@ TEST_P(Rpc, RequestsThatWaitFailWithTheLine)
         senders.emplace_back(
             [&, i] { EXPECT_LT(call(client.get(), i, "x", TARN_INFINITE).code, 0); });
     }
-    EXPECT_TRUE(wait_until([&] { return waiting == 1; }));
+    EXPECT_TRUE(wait_until([&] {
+        const tarn::critical_section_guard guard(client->lock);
+        return waiting == 1 && tarn_hash_count(client->pending) == senders.size();
+    }));
     tarn::conn_abort(tarn_rpc_conn(svr.any()));
     for (auto &sender : senders)
     {

@@ -188,6 +188,8 @@ protected:
     }
     support::temp_dir dir_;
     store store_;
+    store slow_store_;
+    transport other_at_ = make_transport(GetParam());
     server server_{at_};
     rpc_owner client_;
 };
@@ -364,15 +366,22 @@ TEST_P(RpcFile, SenderMayBeStoppedAtEveryStage)
     {
         transfer sending(client_.get(), path, "now" + std::to_string(i));
     }
-    std::atomic<bool> go{false};
-    store_.blocks = 0;
-    store_.on_block = [&] { (void)wait_until([&] { return go.load(); }); };
+    const auto go = std::make_shared<std::atomic<bool>>(false);
+    rpc_owner other;
     {
-        transfer sending(client_.get(), path, "waits");
-        EXPECT_TRUE(wait_until([&] { return store_.blocks == 1; }));
+        server slow(other_at_);
+        slow.prepare = [&](TARN_RPC rpc) { slow_store_.set(rpc); };
+        slow_store_.on_block = [go] { (void)wait_until([&] { return go->load(); }); };
+        slow_store_.dir = store_.dir;
+        slow.start();
+        other = connected_client(other_at_);
+        {
+            transfer sending(other.get(), path, "waits");
+            EXPECT_TRUE(wait_until([&] { return slow_store_.blocks == 1; }));
+        }
+        *go = true;
     }
-    go = true;
-    store_.on_block = nullptr;
+    store_.set(server_.any());
     // and with its endpoint gone
     transfer sending(client_.get(), path, "gone");
     client_.reset();
