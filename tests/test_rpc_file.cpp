@@ -42,15 +42,16 @@ struct store
     }
 
 private:
-    static inline store *current = nullptr; ///< the begin callback has no context
+    static inline std::atomic<store *> current{nullptr}; ///< the begin callback has no context
     static int begin(const char *name, uint32_t, const char **path, void *context)
     {
         static thread_local std::string kept;
         EXPECT_EQ(context, nullptr);
+        const store *const self = current;
         const std::string text(name);
-        kept = current->dir + "/" + text.substr(text.rfind('/') + 1);
+        kept = self->dir + "/" + text.substr(text.rfind('/') + 1);
         *path = kept.c_str();
-        return current->refuse;
+        return self->refuse;
     }
     static void progress(uint32_t percent, void *context)
     {
