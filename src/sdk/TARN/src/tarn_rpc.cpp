@@ -24,7 +24,7 @@ using tarn::link_pin;
 using tarn::rpc_pending;
 using tarn::rpc_pin;
 
-constexpr uint32_t frame_magic = 0x54725043; // "TrPC"
+constexpr uint32_t frame_magic = 0x54725043; ///< "TrPC"
 
 // ---- record ---------------------------------------------------------------------------------------
 
@@ -102,20 +102,35 @@ void on_client_disconnect(TARN_CONN, void *context)
 /** Say which part of a frame did not go out, by the count of bytes that did. */
 void log_send_failure(TARN_RPC rpc, int64_t written, uint32_t data_len, int error)
 {
-    static constexpr const char *names[] = {"FRAME_MAGIC", "msg_len",  "seq_no",
-                                            "msg_id",      "data_len", "rsp_flag_or_code"};
     const char *const name = tarn::rpc_name(rpc);
-    const tarn::error_text text(error);
-    const auto field = static_cast<size_t>(std::max<int64_t>(written, 0)) / 4;
-    if (field < std::size(names))
+    const tarn::error_text reason(error);
+    const char *const text = reason.c_str();
+    const int64_t sent = std::max<int64_t>(written, 0);
+    switch (sent / 4)
     {
-        TARN_LOG_ERROR("[%s] send %s failed, error = [%d] (%s)", name, names[field], error,
-                       text.c_str());
-        return;
+    case 0:
+        TARN_LOG_ERROR("[%s] send FRAME_MAGIC failed, error = [%d] (%s)", name, error, text);
+        break;
+    case 1:
+        TARN_LOG_ERROR("[%s] send msg_len failed, error = [%d] (%s)", name, error, text);
+        break;
+    case 2:
+        TARN_LOG_ERROR("[%s] send seq_no failed, error = [%d] (%s)", name, error, text);
+        break;
+    case 3:
+        TARN_LOG_ERROR("[%s] send msg_id failed, error = [%d] (%s)", name, error, text);
+        break;
+    case 4:
+        TARN_LOG_ERROR("[%s] send data_len failed, error = [%d] (%s)", name, error, text);
+        break;
+    case 5:
+        TARN_LOG_ERROR("[%s] send rsp_flag_or_code failed, error = [%d] (%s)", name, error, text);
+        break;
+    default:
+        TARN_LOG_ERROR("[%s] send data failed, data_len = [%u], rc = [%d], error = [%d] (%s)", name,
+                       data_len, static_cast<int>(sent - tarn::rpc_frame_header_size), error, text);
+        break;
     }
-    const auto sent = static_cast<int>(written - tarn::rpc_frame_header_size);
-    TARN_LOG_ERROR("[%s] send data failed, data_len = [%u], rc = [%d], error = [%d] (%s)", name,
-                   data_len, sent, error, text.c_str());
 }
 
 // ---- requests -----------------------------------------------------------------------------------------
