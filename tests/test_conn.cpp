@@ -100,6 +100,11 @@ struct echo_server
         self->broken.push_back(conn);
         ++self->ended;
     }
+    size_t live_count()
+    {
+        const std::lock_guard guard(lock);
+        return live.size();
+    }
     /** Readers are joined before their connections go. */
     void finish()
     {
@@ -286,7 +291,7 @@ TEST_P(Conn, MayBeDestroyedInItsOwnCallback)
         log.destroy_inside = true;
         TARN_CONN client = make_client(at_, &log).release();
         ASSERT_EQ(tarn_conn_connect(client), 0);
-        EXPECT_TRUE(wait_until([&] { return upper.live.size() == 1; }));
+        EXPECT_TRUE(wait_until([&] { return upper.live_count() == 1; }));
         if (by_read)
         {
             tarn::conn_abort(upper.live[0]);
@@ -298,7 +303,7 @@ TEST_P(Conn, MayBeDestroyedInItsOwnCallback)
             tarn_conn_disconnect(client);
         }
         EXPECT_EQ(log.disconnects, 1);
-        EXPECT_TRUE(wait_until([&] { return upper.live.empty(); }));
+        EXPECT_TRUE(wait_until([&] { return upper.live_count() == 0; }));
     }
     upper.finish();
 }
@@ -434,7 +439,7 @@ TEST_F(ConnCase, MissingArgumentsAndRefusalsAreReported)
     EXPECT_LT(tarn_conn_write(client.get(), "", 0), 0);
     expect_check("RVOF(conn->is_connected,TARN_ERRLN)");
     EXPECT_LT(tarn_conn_write(client.get(), "x", 1), 0);
-    EXPECT_TRUE(wait_until([&] { return upper.live.size() == 1; }));
+    EXPECT_TRUE(wait_until([&] { return upper.live_count() == 1; }));
     EXPECT_LT(tarn_conn_connect(upper.live[0]), 0);
     EXPECT_TRUE(log.contains("error", "cannot do connect on incoming or server socket!"));
     svr.reset();
@@ -492,7 +497,7 @@ TEST_F(ConnCase, LocalClientsOfOneProcessHaveNamesOfTheirOwn)
         ASSERT_EQ(tarn_conn_connect(a.get()), 0);
         ASSERT_EQ(tarn_conn_connect(b.get()), 0);
         EXPECT_STRNE(tarn_conn_local_endpoint(a.get()), tarn_conn_local_endpoint(b.get()));
-        EXPECT_TRUE(wait_until([&] { return upper.live.size() == 2; }));
+        EXPECT_TRUE(wait_until([&] { return upper.live_count() == 2; }));
         EXPECT_STREQ(tarn_conn_peer_endpoint(upper.live[0]), tarn_conn_local_endpoint(a.get()));
         EXPECT_STREQ(tarn_conn_peer_endpoint(upper.live[1]), tarn_conn_local_endpoint(b.get()));
         svr.reset();

@@ -1,4 +1,5 @@
-// Private: the connection record and its link; for tarn_conn*.cpp, the RPC endpoints and the tests.
+// Private: the connection record and its link; for tarn_conn*.cpp, the RPC endpoints, local IPC and
+// the tests.
 #ifndef TARN_CONN_INTERNAL_H
 #define TARN_CONN_INTERNAL_H
 

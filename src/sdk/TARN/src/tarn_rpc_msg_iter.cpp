@@ -108,19 +108,25 @@ inline bool find_fixed(std::span<const uint8_t> rest, std::span<const uint8_t> &
 {
     const auto rest = rest_of(it);
     const uint8_t elm_type = rest[0];
+    if (elm_type == MSG_ELM_TYPE_STRING)
+    {
+        return find_string(rest, value);
+    }
     if (tarn::is_rpc_marker(elm_type))
     {
         TARN_LOG_ERROR("invalid elm_type [%d]", elm_type);
         return false;
     }
-    if (!(elm_type == MSG_ELM_TYPE_STRING ? find_string(rest, value) : find_fixed(rest, value)))
-    {
-        return false;
-    }
-    TARN_LOG_DEBUG("elm_type = [%d], v_offset = [%u], v_size = [%u], it->offset = [%u]", elm_type,
-                   static_cast<uint32_t>(value.data() - it.msg->data),
+    return find_fixed(rest, value);
+}
+
+/** The line of a value that was found; the last thing of each value operation, so that a level that
+ *  hides it costs them next to nothing. */
+inline void log_value(const tarn_rpc_msg_iter &it, std::span<const uint8_t> value)
+{
+    TARN_LOG_DEBUG("elm_type = [%d], v_offset = [%u], v_size = [%u], it->offset = [%u]",
+                   it.msg->data[it.offset], static_cast<uint32_t>(value.data() - it.msg->data),
                    static_cast<uint32_t>(value.size()), it.offset);
-    return true;
 }
 
 template <typename Number>
@@ -319,6 +325,7 @@ int tarn_rpc_msg_element_value_ptr(TARN_RPC_MSG_ITER it, const void **elm_value,
     }
     *elm_value = value.data();
     *elm_value_len = static_cast<uint32_t>(value.size());
+    log_value(*it, value);
     return 0;
 }
 
@@ -342,6 +349,7 @@ int tarn_rpc_msg_element_value(TARN_RPC_MSG_ITER it, void *elm_value, uint32_t *
     }
     *elm_value_len = static_cast<uint32_t>(value.size());
     copy_value(elm_value, elm_type, value);
+    log_value(*it, value);
     return 0;
 }
 

@@ -5,7 +5,6 @@
 
 #include "tarn_sys.h"
 
-#include "tarn_modules.h"
 #include "tarn_os.h"
 #include "tarn_process_state.h"
 #include "tarn_sys_internal.h"
@@ -360,10 +359,3 @@ int tarn_time_zone_minutes(void)
     tzset();
     return static_cast<int>(timezone / 60);
 }
-
-bool tarn_sys_init(void)
-{
-    return true;
-}
-
-void tarn_sys_uninit(void) {}
