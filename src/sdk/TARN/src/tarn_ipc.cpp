@@ -72,8 +72,16 @@ bool start_client_thread(ipc_conn *conn, bool wait)
         tarn_thread_stop(thread);
         return false;
     }
-    tarn::ipc_store(conn->thread, thread);
-    return true;
+    {
+        const tarn::critical_section_guard guard(conn->lock);
+        if (conn->closing == 0)
+        {
+            tarn::ipc_store(conn->thread, thread);
+            return true;
+        }
+    }
+    tarn_thread_stop(thread); // destroyed by another thread since on_connected
+    return false;
 }
 
 /** A client's connection, without line. */
