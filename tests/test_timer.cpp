@@ -98,29 +98,20 @@ protected:
 
 TEST_F(Timer, RefusesBadArguments)
 {
-    expect_check("RVOF(kind == TARN_TIMER_WALL_CLOCK || kind == TARN_TIMER_MONOTONIC,"
-                 "TARN_INVALID_HANDLE)");
-    for (const int kind : {-1, 0, 3})
-    {
-        EXPECT_EQ(tarn_timer_create(kind, nullptr, nullptr, nullptr), nullptr);
-    }
-    for (const char *text :
-         {"RVOZ(interval_ns,TARN_ERRLN)", "RVON(t,TARN_ERRLN)", "RVON(remain_ns,TARN_ERRLN)",
-          "RVON(interval_ns,TARN_ERRLN)", "RON(t)"})
+    for (const char *text : {"RVOF(kind == TARN_TIMER_WALL_CLOCK || kind == TARN_TIMER_MONOTONIC,"
+                             "TARN_INVALID_HANDLE)",
+                             "RVOZ(interval_ns,TARN_ERRLN)", "RVON(remain_ns,TARN_ERRLN)",
+                             "RVON(interval_ns,TARN_ERRLN)", "RVON(t,TARN_ERRLN)"})
     {
         expect_check(text);
     }
+    EXPECT_EQ(tarn_timer_create(0, nullptr, nullptr, nullptr), nullptr);
+    EXPECT_EQ(tarn_timer_create(3, nullptr, nullptr, nullptr), nullptr);
     const timer_owner t(tarn_timer_create(TARN_TIMER_MONOTONIC, nullptr, nullptr, nullptr));
-    uint64_t value = 7;
     EXPECT_LT(tarn_timer_start(t.get(), 0, 0), 0);
-    EXPECT_LT(tarn_timer_start(nullptr, 1, 0), 0);
     EXPECT_LT(tarn_timer_get_remain_time(t.get(), nullptr), 0);
     EXPECT_LT(tarn_timer_get_interval(t.get(), nullptr), 0);
-    EXPECT_LT(tarn_timer_get_interval(nullptr, &value), 0);
-    EXPECT_EQ(value, 7u);
-    EXPECT_LT(tarn_timer_wait(nullptr, 0), 0);
     EXPECT_FALSE(tarn_timer_is_started(nullptr));
-    tarn_timer_stop(nullptr);
     tarn_timer_destroy(nullptr);
 }
 

@@ -7,8 +7,8 @@
  *  is kept also when signal handlers run: the wait goes on with the time that is left.
  *  Results are those of the system call, 0 or a count on success and -1 with errno set on failure,
  *  unless a function says otherwise; null, a socket without descriptor and a socket of another
- *  family fail. Nothing is retried: a call without limit that a signal handler interrupts fails with
- *  EINTR. A peer that closed gives EPIPE, never a signal.
+ *  family fail. Nothing is retried: a send, or a receive without limit, that a signal handler
+ *  interrupts fails with EINTR. A peer that closed gives EPIPE, never a signal.
  *
  *  A local socket is named by a service name NAME: either in the abstract namespace, as
  *  "/tarn/sock/NAME" cut to 106 characters, or as the file "/tmp/tarn/NAME.sock". A name for a file
@@ -95,7 +95,7 @@ TARN_API uint32_t tarn_socket_get_sock_addr(TARN_SOCKET p);
 /* ---- connecting ------------------------------------------------------------------------------- */
 
 /* Every connect turns TCP keep-alive on: probes after 30 s of silence, 3 s apart, the third without
- * an answer breaks the connection. */
+ * an answer breaks the connection. A socket whose connect failed is of no further use. */
 
 /** Connect.
  *  @param timeout_ms  0 tries once without waiting

@@ -73,26 +73,18 @@ void pause_for_resources(const tarn::deadline &limit)
 tarn::unique_fd accept_within(TARN_SOCKET p, const tarn::deadline &limit,
                               tarn::socket_address &peer)
 {
-    for (;;)
+    tarn::unique_fd accepted(os::accept(p->handle, peer));
+    if (!accepted && errno == EAGAIN && tarn::socket_wait(p, os::readiness::read, limit) > 0)
     {
-        tarn::unique_fd accepted(os::accept(p->handle, peer));
-        if (accepted)
-        {
-            return accepted;
-        }
-        if (ran_out_of_resources(errno))
-        {
-            pause_for_resources(limit);
-            return accepted;
-        }
-        // What makes the listener readable may be gone when it is accepted: wait again. A local
-        // listener that was shut down stays readable and still says EAGAIN.
-        if (errno != EAGAIN || tarn::socket_is_shut_down(p) ||
-            tarn::socket_wait(p, os::readiness::read, limit) <= 0)
-        {
-            return accepted;
-        }
+        // Once only: a local listener that was shut down is ready and has no peer for ever, and the
+        // peer that made it ready may be gone.
+        accepted.reset(os::accept(p->handle, peer));
     }
+    if (!accepted && ran_out_of_resources(errno))
+    {
+        pause_for_resources(limit);
+    }
+    return accepted;
 }
 
 // ---- traffic -------------------------------------------------------------------------------------
@@ -119,7 +111,7 @@ void log_transfer(TARN_SOCKET p, const char *call, const char *title, const void
     }
 }
 
-/** Calls receive(mode) until it gives anything but EAGAIN, waiting in between.
+/** Calls receive(mode), and again after a wait when there was nothing.
  *  @return what it gave; tarn::receive_timed_out; -1 when waiting failed. */
 template <typename Receive>
 int receive_within(TARN_SOCKET p, uint32_t timeout_ms, Receive receive)
@@ -129,19 +121,23 @@ int receive_within(TARN_SOCKET p, uint32_t timeout_ms, Receive receive)
         return static_cast<int>(receive(os::transfer::block));
     }
     const tarn::deadline limit(timeout_ms);
-    for (;;)
+    ptrdiff_t n = receive(os::transfer::poll);
+    if (n < 0 && errno == EAGAIN)
     {
-        const ptrdiff_t n = receive(os::transfer::poll);
-        if (n >= 0 || errno != EAGAIN)
-        {
-            return static_cast<int>(n);
-        }
         const int ready = tarn::socket_wait(p, os::readiness::read, limit);
         if (ready <= 0)
         {
             return ready == 0 ? tarn::receive_timed_out : -1;
         }
+        n = receive(os::transfer::poll);
+        if (n < 0 && errno == EAGAIN)
+        {
+            // Ready with nothing to read: a datagram that was dropped for its checksum, or a
+            // datagram socket that was shut down, which stays ready.
+            return tarn::socket_is_shut_down(p) ? 0 : tarn::receive_timed_out;
+        }
     }
+    return static_cast<int>(n);
 }
 
 int receive_stream(TARN_SOCKET p, void *buf, size_t size, uint32_t timeout_ms)
@@ -183,6 +179,25 @@ bool send_all(TARN_SOCKET p, std::span<const tarn::send_part> parts, const tarn:
         }
     }
     return true;
+}
+
+void log_parts(TARN_SOCKET p, std::span<const tarn::send_part> parts, size_t sent, int error)
+{
+    if (tarn::socket_quiet())
+    {
+        return;
+    }
+    TARN_LOG_INFO("[%p] send return [%zu], error = %d", static_cast<void *>(p), sent, error);
+    for (const tarn::send_part &part : parts)
+    {
+        const size_t shown = std::min(part.size, sent);
+        if (shown != 0)
+        {
+            TARN_LOG_HEX(&tarn_default_logger, TARN_LOG_LEVEL_INFO, "[TX]", part.data,
+                         static_cast<uint32_t>(shown));
+        }
+        sent -= shown;
+    }
 }
 
 /** First half of the liveness test; the errno of a pending error is left behind. */
@@ -276,8 +291,7 @@ int64_t socket_send_parts(TARN_SOCKET p, std::span<const send_part> parts, uint3
     size_t sent = 0;
     const bool complete = send_all(p, parts, deadline(timeout_ms), sent);
     const int error = complete ? 0 : errno;
-    TARN_SOCKET_LOG("[%p] send return [%lld], error = %d", static_cast<void *>(p),
-                    static_cast<long long>(sent), error);
+    log_parts(p, parts, sent, error);
     return complete || sent != 0 || error == ETIMEDOUT ? static_cast<int64_t>(sent) : -1;
 }
 

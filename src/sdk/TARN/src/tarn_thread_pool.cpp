@@ -250,7 +250,7 @@ attempt try_take(TARN_THREAD_POOL tp, waiter &self)
     {
         a = make_reserved(tp, self);
     }
-    TARN_LOG_DEBUG("[0] thread = %p, thread_list = %p", nullptr, before);
+    TARN_LOG_DEBUG("[0] thread = %p, thread_list = %p", static_cast<void *>(nullptr), before);
     TARN_LOG_DEBUG("[1] thread = %p, thread_list = %p", static_cast<void *>(a.thread), after);
     return a;
 }

@@ -130,12 +130,12 @@ typedef struct tlsu_conn_if
      *  @return a new connection, its session created; null when none came */
     void *(*accept)(void *conn_h);
 
-    /** Send all of the bytes, at most 4096. A short positive count is taken for the rest still to
-     *  be sent.
+    /** Send all of the bytes, at most 4096 (tlsu_conn_if_ex::piece_size). A short positive count is
+     *  taken for the rest still to be sent.
      *  @return bytes sent; 0 or negative on failure, which ends the session */
     int (*send)(void *conn_h, const void *bytes, int len);
 
-    /** Receive at most max_len (4096) bytes within timeout_ms.
+    /** Receive at most max_len bytes (4096, or tlsu_conn_if_ex::piece_size) within timeout_ms.
      *  @return byte count; 0 when nothing came; negative when the connection is closed or broken,
      *          which ends the session */
     int (*receive)(void *conn_h, void *buffer, int max_len, uint32_t timeout_ms);
@@ -164,9 +164,10 @@ typedef struct tlsu_conn_if_ex
      *  @return as accept */
     void *(*accept_now)(void *conn_h);
 
-    /** As send, for bytes behind which more are sent at once: the transport may hold them back until
-     *  then (MSG_MORE), which spares TCP three small segments per record. May be null. */
-    int (*send_more)(void *conn_h, const void *bytes, int len);
+    /** Most bytes that send and receive are called with; 0 stands for 4096, the upper limit is 65536.
+     *  A TLS record has up to 16 KiB and some: in pieces of 4096 it takes five calls each way, which
+     *  halves the throughput of a fast network. */
+    uint32_t piece_size;
 } tlsu_conn_if_ex;
 
 /** The table. Slot by slot; entries of one kind of object stand together. */
