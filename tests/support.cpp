@@ -247,7 +247,38 @@ size_t running_threads()
     return entries_of("/proc/self/task");
 }
 
-leak_check::leak_check() : descriptors_(open_descriptors()), threads_(running_threads()) {}
+signal_storm::signal_storm()
+{
+    struct sigaction action
+    {
+    };
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGURG, &action, nullptr); // no SA_RESTART
+    const pthread_t target = pthread_self();
+    thread_ = std::thread([this, target] {
+        while (!done_)
+        {
+            pthread_kill(target, SIGURG);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+}
+
+signal_storm::~signal_storm()
+{
+    done_ = true;
+    thread_.join();
+}
+
+leak_check::leak_check()
+{
+    if (with_tsan)
+    {
+        std::thread([] {}).join(); // its runtime starts a thread of its own with the first one
+    }
+    descriptors_ = open_descriptors();
+    threads_ = running_threads();
+}
 
 leak_check::~leak_check()
 {

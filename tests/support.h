@@ -15,6 +15,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include <sys/types.h>
@@ -86,6 +87,21 @@ bool wait_until(const std::function<bool()> &condition, uint32_t timeout_ms = 10
 
 /** Milliseconds of a call on the monotonic clock. */
 double elapsed_ms(const std::function<void()> &call);
+
+/** Signals the calling thread every millisecond for its scope, with a handler that does nothing and
+ *  restarts no system call. */
+class signal_storm
+{
+public:
+    signal_storm();
+    signal_storm(const signal_storm &) = delete;
+    signal_storm &operator=(const signal_storm &) = delete;
+    ~signal_storm();
+
+private:
+    std::atomic<bool> done_{false};
+    std::thread thread_;
+};
 
 /** Fails the test when its scope leaves more descriptors, threads or child processes than it
  *  found. */

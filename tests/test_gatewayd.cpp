@@ -72,12 +72,14 @@ child_process start(std::vector<std::string> arguments)
 double next_value(child_process &daemon, const std::string &point)
 {
     const std::string report = "] " + point + " = ";
-    for (std::string line = daemon.read_line(); !line.empty(); line = daemon.read_line())
+    int lines = 0;
+    for (std::string line = daemon.read_line(); !line.empty() && lines < 10000; ++lines)
     {
         if (const size_t at = line.find(report); at != std::string::npos)
         {
             return std::strtod(line.c_str() + at + report.size(), nullptr);
         }
+        line = daemon.read_line();
     }
     return std::nan("");
 }
@@ -143,7 +145,7 @@ TEST(Gatewayd, TelemetryIsLoggedEachPeriodWhenItChanges)
 {
     const instance self;
     child_process daemon = start({self.option(), "--period", "20"});
-    ASSERT_TRUE(daemon.wait_for_line("running"));
+    // From the first line on: the total never changes again, and may come before "running".
     EXPECT_GE(next_value(daemon, "load.15min"), 0);
     const double total = next_value(daemon, "mem.total_kib");
     const double available = next_value(daemon, "mem.available_kib");

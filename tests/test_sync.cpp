@@ -21,45 +21,13 @@
 using support::elapsed_ms;
 using support::expect_check;
 using support::log_capture;
+using support::signal_storm;
 using event_owner = tarn::unique_handle<TARN_EVENT, tarn_event_destroy>;
 using semaphore_owner = tarn::unique_handle<TARN_SEMAPHORE, tarn_semaphore_destroy>;
 using section_owner = tarn::unique_handle<TARN_CRITICAL_SECTION, tarn_critical_section_destroy>;
 
 namespace
 {
-
-/** Signals the calling thread every millisecond for its scope, with a handler that does nothing. */
-class signal_storm
-{
-public:
-    signal_storm()
-    {
-        struct sigaction action
-        {
-        };
-        action.sa_handler = [](int) {};
-        ::sigaction(SIGURG, &action, nullptr); // no SA_RESTART
-        const pthread_t target = pthread_self();
-        thread_ = std::thread([this, target] {
-            while (!done_)
-            {
-                pthread_kill(target, SIGURG);
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        });
-    }
-    signal_storm(const signal_storm &) = delete;
-    signal_storm &operator=(const signal_storm &) = delete;
-    ~signal_storm()
-    {
-        done_ = true;
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> done_{false};
-    std::thread thread_;
-};
 
 // ---- critical sections ---------------------------------------------------------------------------
 

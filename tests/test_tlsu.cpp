@@ -65,6 +65,7 @@ TEST(Table, IsFilledUpToTheCallersSize)
 
 TARN_TEST_ROLE(fetch_twice)
 {
+    tarn_log_level_set(TARN_LOG_LEVEL_TRACE);
     for (int i = 0; i < 2; ++i)
     {
         tlsu_if table{};

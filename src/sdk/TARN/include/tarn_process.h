@@ -16,7 +16,8 @@
  *  Signals, from tarn_init() on: SIGTERM, SIGINT and SIGQUIT end the process by their default
  *  action until the first tarn_process_wait_exit(); from then on the first three set the exit
  *  event and the fourth kills. SIGPIPE is ignored. SIGUSR1 switches the logging of serial traffic
- *  on, SIGUSR2 off.
+ *  on, SIGUSR2 off. In a forked child that goes on without exec, termination signals take their
+ *  default action until its own first tarn_process_wait_exit().
  *  Threads: the command line, instance lock and daemon calls belong to the main thread before any
  *  other thread runs; the rest may be called from any thread. */
 #ifndef TARN_PROCESS_H
@@ -112,6 +113,13 @@ TARN_API bool tarn_process_is_serial_traffic_logged(void);
 TARN_API const char *tarn_process_getenv(const char *name);
 TARN_API bool tarn_process_setenv(const char *name, const char *value, bool overwrite);
 TARN_API bool tarn_process_clearenv(void);
+
+/** The process watchdog (tarn_wdt_set_timeout() and so on in tarn_sys.h): register with a time-out in
+ *  seconds, kick, and take the process out again.
+ *  @return set_timeout, disable: 0; TARN_ERRLN when the watchdog refuses or there is none. */
+TARN_API int tarn_process_wdt_set_timeout(uint32_t seconds);
+TARN_API void tarn_process_wdt_kick(void);
+TARN_API int tarn_process_wdt_disable(void);
 
 TARN_END_DECLS
 

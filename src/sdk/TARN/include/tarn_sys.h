@@ -1,5 +1,6 @@
 /** @file
- *  Clock, ticks and sleeps.
+ *  Clock, ticks and sleeps; setting and printing the wall-clock time, a monitor of its changes;
+ *  the program's own place, install directories, shell commands, the process watchdog.
  *
  *  Ticks count on the monotonic clock: setting the wall clock does not move them. They are never
  *  0, so that 0 can stand for "not set". The millisecond tick has 32 bits and wraps after 49.7
@@ -92,6 +93,116 @@ TARN_API bool tarn_systime_to_time(const tarn_systime *systime, tarn_time *time)
 
 /** Minutes west of UTC of the local zone, without summer time. */
 TARN_API int tarn_time_zone_minutes(void);
+
+/* ---- wall-clock time: set, print, watch ------------------------------------------------------- */
+
+/** Set the wall clock, and the hardware clock after it (sync(), then "hwclock -w -f /dev/rtc").
+ *  @param time  not null
+ *  @return true when the wall clock was set, whatever became of the hardware clock; false for null
+ *          and when the system refuses (ERROR): it takes a privilege.
+ *  Blocking: until the disks are in sync and the command has ended. */
+TARN_API bool tarn_time_set(const tarn_time *time);
+
+/** Text of a time by a strftime() format.
+ *  @param time    null: the current time
+ *  @param local   local time, else UTC
+ *  @param buf     out; null: a buffer of 128 bytes of the calling thread, used again by its next
+ *                 call
+ *  @param len     of buf; not looked at when buf is null
+ *  @return the buffer, with an empty text when the result does not fit or the time has no calendar
+ *          form; null when format is null or len is 0. */
+TARN_API char *tarn_time_format(const tarn_time *time, bool local, const char *format, char *buf,
+                                size_t len);
+
+/** Print a time by a strftime() format into a buffer.
+ *  @param buf   out; null only with len 0, which prints nothing
+ *  @return length of the text without NUL; 0, with an empty text, when it does not fit; TARN_ERRLN
+ *          when format is null, buf is null or len 0 but not both, or the time has no calendar
+ *          form. */
+TARN_API int tarn_time_print(char *buf, size_t len, const tarn_time *time, const char *format,
+                             bool local);
+
+/** ISO 8601 text of a time: "2025-07-01T14:03:07+02:00" for local time, with the offset that holds
+ *  at that time, "2025-07-01T12:03:07Z" for UTC. Offset and Z are left out where they do not fit.
+ *  Arguments and result as tarn_time_format(); the thread's buffer is another one. */
+TARN_API char *tarn_time_get_iso8601_str(const tarn_time *time, bool local, char *buf, size_t len);
+
+/** Called on the monitor's thread when the wall clock was set; changes within a second of one
+ *  another are told together. */
+typedef void (*tarn_time_change_callback)(void);
+
+/** Start the monitor of changes of the wall clock; it runs until tarn_uninit().
+ *  @param callback  null: changes are only logged, at TRACE
+ *  @return 0; -1 when it runs already; -2 without a descriptor (ERROR); -3 when it cannot be armed
+ *          (ERROR) or its thread not be started. */
+TARN_API int tarn_time_monitor_change(tarn_time_change_callback callback);
+
+/* ---- the program and its directories ---------------------------------------------------------- */
+
+/** File name of the running program, without directory; also when the file has been deleted or
+ *  replaced since.
+ *  @param buf  out: the name and a NUL; untouched on failure
+ *  @return length of the name; -1 when buf is null; -2 when len is below 2; -3 when the system does
+ *          not tell; -4 when what it tells is no path; -5 when buf is too small. */
+TARN_API int tarn_sys_get_process_name(char *buf, size_t len);
+
+/** Directory of the running program, without '/' at its end unless it is the root.
+ *  @param buf  out: the path and a NUL; untouched on failure
+ *  @return length of the path; TARN_ERRLN when buf is null or too small, or the system does not
+ *          tell. */
+TARN_API int tarn_sys_get_process_directory(char *buf, size_t len);
+
+/** Install directory: the environment's FERNWICK_PATH, else MOSSVAL_PATH, else "/opt/fernwick". The
+ *  directories are found at the first call and stay; of a longer value the first 1024 bytes count,
+ *  an empty one counts as none. Static texts. */
+TARN_API const char *tarn_sys_install_dir(void);
+
+/** The install directory's "project". */
+TARN_API const char *tarn_sys_project_dir(void);
+
+/** The project directory's "default-ca-certificates.crt". */
+TARN_API const char *tarn_sys_default_ca_file(void);
+
+/** The environment's TMPDIR, else "/tmp"; valid until that variable is changed. */
+TARN_API const char *tarn_sys_temp_dir(void);
+
+/* ---- shell commands --------------------------------------------------------------------------- */
+
+/** Run a shell command and wait for its end.
+ *  The command runs with this process's environment; its standard output is the pipe that is read
+ *  here, and SIGPIPE ends it as usual although this process ignores it.
+ *  @param cmd         what `sh -c` understands; never put foreign text into it
+ *  @param output      null: the output is discarded, the command meets a closed pipe. Else it must
+ *                     point to null and receives all that the command printed, as a new string (a
+ *                     zero byte follows; bytes of zero in between are kept), for the caller to free;
+ *                     it stays null when nothing was printed. When the command cannot be started:
+ *                     "fail to run [CMD]\n"
+ *  @param timeout_ms  the output is read for so long; TARN_INFINITE until its end. Only the reading
+ *                     ends then: a command that goes on without printing is still waited for
+ *  @return exit status, 0 to 255; TARN_ERRLN when cmd is null, *output is not, the command cannot be
+ *          started or was ended by a signal.
+ *  Blocking: until the command has ended; no cancellation point. */
+TARN_API int tarn_sys_command_run(const char *cmd, char **output, uint32_t timeout_ms);
+
+/* ---- the process watchdog --------------------------------------------------------------------- */
+
+/* A process that has a time-out set must kick the watchdog more often than that, or the watchdog
+ * acts. It is reached through libwatchprocess.so, which is loaded at the first call of any of these
+ * functions; without that library, and with TARN_WDT_DISABLED in the environment at tarn_init()
+ * (1, y, true or yes, in any case), there is no watchdog. */
+
+/** Register the process with the watchdog, or change its time-out.
+ *  @param seconds  0 takes the process out
+ *  @return true when the watchdog took it, or is disabled; false when it refuses (ERROR) or there
+ *          is no library or not that function in it. */
+TARN_API bool tarn_wdt_set_timeout(uint32_t seconds);
+
+/** The time-out that was last set with success, in seconds; 0 when none is or the watchdog is
+ *  disabled. */
+TARN_API uint32_t tarn_wdt_get_timeout(void);
+
+/** Tell the watchdog that the process is well. */
+TARN_API void tarn_wdt_kick(void);
 
 TARN_END_DECLS
 

@@ -14,7 +14,7 @@ bool start_signals();
  *  counts, and still ends the process when it must. */
 void stop_signals();
 
-/** Start the relay again in the child of a fork, if it ran in the parent. */
+/** Start the relay again in the child of a fork, if it ran in the parent. Cheap otherwise. */
 void restart_signal_relay();
 
 /** True: a termination signal takes its default action. */

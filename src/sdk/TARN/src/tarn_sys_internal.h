@@ -1,4 +1,5 @@
-// Private: seams and fast paths of the clock; for the log, the process frame and the tests.
+// Private: seams and fast paths of the system module; for its own files, the log, the process
+// frame and the tests.
 #ifndef TARN_SYS_INTERNAL_H
 #define TARN_SYS_INTERNAL_H
 
@@ -24,6 +25,9 @@ bool time_stamp_local(char *out);
 
 /** The same without locks, from the last known distance to UTC. Safe in signal handlers. */
 void time_stamp_from_handler(char *out) noexcept;
+
+/** Look whether the environment disables the watchdog (WARN); at start-up. */
+void wdt_read_environment();
 
 } // namespace tarn
 

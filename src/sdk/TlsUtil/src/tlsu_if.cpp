@@ -123,15 +123,15 @@ void load_legacy_digests()
 
 void start_openssl()
 {
-    TARN_LOG_INFO("openssl version info:\n\n%s\n%s\n%s\n%s\n", OpenSSL_version(OPENSSL_VERSION),
-                  OpenSSL_version(OPENSSL_CFLAGS), OpenSSL_version(OPENSSL_BUILT_ON),
-                  OpenSSL_version(OPENSSL_PLATFORM));
+    TARN_LOG_TRACE("openssl version info:\n\n%s\n%s\n%s\n%s\n", OpenSSL_version(OPENSSL_VERSION),
+                   OpenSSL_version(OPENSSL_CFLAGS), OpenSSL_version(OPENSSL_BUILT_ON),
+                   OpenSSL_version(OPENSSL_PLATFORM));
     constexpr uint64_t strings = OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS;
     constexpr uint64_t algorithms = OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS;
     bool ok = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
     ok = OPENSSL_init_ssl(0, nullptr) == 1 && ok;
     ok = OPENSSL_init_ssl(strings, nullptr) == 1 && ok;
-    TARN_LOG_INFO("init crypto & ssl");
+    TARN_LOG_TRACE("init crypto & ssl");
     ok = OPENSSL_init_crypto(algorithms, nullptr) == 1 && ok;
     ok = OPENSSL_init_ssl(algorithms | strings, nullptr) == 1 && ok;
     load_legacy_digests();

@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,6 +29,10 @@
 #include <strings.h>
 #include <syslog.h>
 #include <unistd.h>
+
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 constinit int32_t tarn_log_level = TARN_LOG_LEVEL_INFO;
 constinit tarn_logger tarn_default_logger = {nullptr, nullptr, 0, 1, 1, 1, 1};
@@ -93,37 +98,75 @@ const char *shown_name(const tarn_logger &logger)
     return logger.name != nullptr ? logger.name : tarn::program_short_name();
 }
 
-/** Holds the lock of standard output. */
+/** @return 0 when the logger lets the level through, else the result of the logging call */
+int check_logger(const tarn_logger &logger, int32_t level)
+{
+    if (__atomic_load_n(&logger.enabled, __ATOMIC_RELAXED) != 1)
+    {
+        return -1;
+    }
+    const uint32_t own = __atomic_load_n(&logger.level, __ATOMIC_RELAXED);
+    return (own != 0 ? int64_t{level} > int64_t{own} : level > threshold()) ? -2 : 0;
+}
+
+/** Holds the lock of standard output. ThreadSanitizer does not know it and has to be told. */
 class [[nodiscard]] stdout_guard
 {
 public:
     stdout_guard()
     {
         flockfile(stdout);
+#if defined(__SANITIZE_THREAD__)
+        __tsan_acquire(stdout);
+#endif
     }
     stdout_guard(const stdout_guard &) = delete;
     stdout_guard &operator=(const stdout_guard &) = delete;
     ~stdout_guard()
     {
+#if defined(__SANITIZE_THREAD__)
+        __tsan_release(stdout);
+#endif
         funlockfile(stdout);
     }
 };
 
+/** Write all of it; an error drops the rest, as stdio would. */
+void write_out(std::string_view text)
+{
+    while (!text.empty())
+    {
+        const ssize_t n = tarn::retry_eintr(
+            [&] { return ::write(fileno_unlocked(stdout), text.data(), text.size()); });
+        if (n <= 0)
+        {
+            return;
+        }
+        text.remove_prefix(static_cast<size_t>(n));
+    }
+}
+
 /** Put a line into standard output's buffer. The buffer goes out at line ends only: processes that
- *  share a pipe would otherwise cut each other's lines at the buffer's edge. */
+ *  share a pipe would otherwise cut each other's lines at the buffer's edge. It is written here
+ *  and not by stdio, which drops what it holds when a signal handler interrupts the write. */
 void write_to_stdout(std::string_view line)
 {
     const stdout_guard guard;
-    const size_t size = __fbufsize(stdout);
+    const size_t buffer = __fbufsize(stdout); // 0 before the first write, which makes it
+    const size_t size = buffer == 0 ? PIPE_BUF : __flbf(stdout) != 0 ? 0 : buffer;
     const size_t pending = __fpending(stdout);
-    if (pending != 0 && pending + line.size() > size)
+    if (pending + line.size() > size)
     {
-        (void)fflush_unlocked(stdout);
+        write_out({stdout->_IO_write_base, pending});
+        __fpurge(stdout);
     }
-    (void)fwrite_unlocked(line.data(), 1, line.size(), stdout);
-    if (line.size() > size && size != 0)
+    if (line.size() <= size)
     {
-        (void)fflush_unlocked(stdout);
+        (void)fwrite_unlocked(line.data(), 1, line.size(), stdout);
+    }
+    else
+    {
+        write_out(line);
     }
 }
 
@@ -227,20 +270,21 @@ void log_append_prefix(text_writer &out, const tarn_logger &logger, int32_t leve
 
 void log_write_from_handler(int32_t level, const log_position &position, std::string_view message)
 {
-    if (level > threshold())
+    if (level > threshold() || check_logger(tarn_default_logger, level) != 0)
     {
         return;
     }
     char line[512];
     char stamp[time_stamp_length];
-    text_writer out(line, sizeof line);
+    text_writer out(line, sizeof line - 1);
     time_stamp_from_handler(stamp);
     log_append_prefix(out, tarn_default_logger, level, position, true, {stamp, sizeof stamp});
-    out.append(message).append('\n');
+    out.append(message);
+    line[out.length()] = '\n';
     pollfd ready = {STDOUT_FILENO, POLLOUT, 0};
     if (::poll(&ready, 1, 100) == 1)
     {
-        [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, line, out.length());
+        [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, line, out.length() + 1);
     }
 }
 
@@ -249,14 +293,9 @@ void log_write_from_handler(int32_t level, const log_position &position, std::st
 int tarn_log_vprint(tarn_logger *logger, int32_t level, const char *file, int line,
                     const char *func, const char *format, va_list args)
 {
-    if (__atomic_load_n(&logger->enabled, __ATOMIC_RELAXED) != 1)
+    if (const int refused = check_logger(*logger, level); refused != 0)
     {
-        return -1;
-    }
-    const uint32_t own = __atomic_load_n(&logger->level, __ATOMIC_RELAXED);
-    if (own != 0 ? int64_t{level} > int64_t{own} : level > threshold())
-    {
-        return -2;
+        return refused;
     }
     const tarn::errno_keeper keep_errno;
     const tarn::cancel_guard no_cancel;
@@ -397,15 +436,11 @@ const char *log_level_to_str(int32_t level)
 bool tarn_log_init(void)
 {
     openlog(tarn::program_short_name(), 0, LOG_USER);
-    int32_t level = threshold();
+    const tarn::lock_guard lock(tarn::environment_lock);
+    if (const char *level = std::getenv("TARN_LOG_LEVEL"); level != nullptr)
     {
-        const tarn::lock_guard lock(tarn::environment_lock);
-        if (const char *name = std::getenv("TARN_LOG_LEVEL"); name != nullptr)
-        {
-            level = log_level_from_str(name);
-        }
+        tarn_log_level_set(log_level_from_str(level));
     }
-    tarn_log_level_set(level);
     return true;
 }
 

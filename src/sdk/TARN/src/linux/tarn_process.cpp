@@ -6,11 +6,13 @@
 
 #include "tarn_process.h"
 
+#include "tarn_lock_file_internal.h"
 #include "tarn_modules.h"
 #include "tarn_os.h"
 #include "tarn_process_internal.h"
 #include "tarn_process_state.h"
 #include "tarn_raii.h"
+#include "tarn_sys.h"
 #include "tarn_text.h"
 
 #include <algorithm>
@@ -21,9 +23,7 @@
 #include <cstring>
 #include <string_view>
 
-#include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace
@@ -98,75 +98,14 @@ tarn::unique_mem<tarn_cmdline_option> join_tables(const tarn_cmdline_option *ext
 
 // ---- instance lock ---------------------------------------------------------------------------
 
-/** A file that nobody slipped in: regular, and with no second name. */
-bool is_plain_file(int fd)
-{
-    struct stat status
-    {
-    };
-    return ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1;
-}
-
-/** Open the file, or create it with mode 0666 whatever the umask. Links are not followed: the
- *  directory is open to every user. */
-tarn::unique_fd open_or_create(const char *path)
-{
-    constexpr int flags = O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
-    tarn::unique_fd fd(tarn::retry_eintr([path] { return ::open(path, flags); }));
-    if (!fd && errno == ENOENT)
-    {
-        fd.reset(
-            tarn::retry_eintr([path] { return ::open(path, flags | O_CREAT | O_EXCL, 0666); }));
-        if (fd)
-        {
-            (void)::fchmod(fd.get(), 0666);
-        }
-        else if (errno == EEXIST) // another process was faster
-        {
-            fd.reset(tarn::retry_eintr([path] { return ::open(path, flags); }));
-        }
-    }
-    if (fd && !is_plain_file(fd.get()))
-    {
-        fd.reset();
-        errno = EINVAL;
-    }
-    return fd;
-}
-
-/** Take over a lock file that another user left: owner and mode are changed through a descriptor
- *  of the very file, never by its path. */
-void take_over(const char *path)
-{
-    const tarn::unique_fd place(
-        tarn::retry_eintr([path] { return ::open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
-    if (!place || !is_plain_file(place.get()))
-    {
-        return;
-    }
-    char by_descriptor[32];
-    tarn::text_writer(by_descriptor, sizeof by_descriptor)
-        .append("/proc/self/fd/")
-        .append_int(place.get());
-    [[maybe_unused]] const int owned =
-        ::fchownat(place.get(), "", ::geteuid(), ::getegid(), AT_EMPTY_PATH);
-    (void)::chmod(by_descriptor, 0666);
-}
-
-tarn::unique_fd open_lock_file(const char *path, const char *name)
+tarn::unique_fd open_instance_lock(const char *path, const char *name)
 {
     if (std::strchr(name, '/') != nullptr || std::strlen(name) >= lock_path_size - 32)
     {
         errno = EINVAL;
         return tarn::unique_fd();
     }
-    tarn::unique_fd fd = open_or_create(path);
-    if (!fd && errno == EACCES)
-    {
-        take_over(path);
-        fd = open_or_create(path);
-    }
-    return fd;
+    return tarn::open_lock_file(path);
 }
 
 // ---- the two command lines -------------------------------------------------------------------
@@ -187,9 +126,10 @@ enum class scan_result
 scan_result scan_short(int argc, char *const *argv, const char **config_file_out,
                        short_options *found)
 {
-    for (int i = 1; i < argc; ++i)
+    for (int i = 1; i < argc && argv[i] != nullptr; ++i)
     {
         const std::string_view argument = argv[i];
+        const char *const next = i + 1 < argc ? argv[i + 1] : nullptr;
         if (argument == "--version" || argument == "-v")
         {
             return scan_result::version;
@@ -200,19 +140,21 @@ scan_result scan_short(int argc, char *const *argv, const char **config_file_out
         }
         else if (argument == "-f")
         {
-            if (config_file_out == nullptr || i + 1 >= argc)
+            if (config_file_out == nullptr || next == nullptr)
             {
                 return scan_result::error;
             }
-            *config_file_out = argv[++i];
+            *config_file_out = next;
+            ++i;
         }
         else if (argument == "-log")
         {
-            if (i + 1 >= argc || !is_level_name(argv[i + 1]))
+            if (next == nullptr || !is_level_name(next))
             {
                 return scan_result::error;
             }
-            found->log_level = argv[++i];
+            found->log_level = next;
+            ++i;
         }
         else if (argument == "-t")
         {
@@ -293,6 +235,7 @@ int enter_frame(const char *instance_name, bool single_instance)
 
 bool tarn_process_wait_exit(uint32_t ms)
 {
+    tarn::restart_signal_relay();
     tarn::use_default_signal_action(false);
     return tarn_event_wait(tarn::exit_event(), ms);
 }
@@ -392,7 +335,7 @@ int tarn_process_is_first_instance(const char *name)
         .append("/tmp/tarn_proc_")
         .append(name)
         .append(".pid");
-    tarn::unique_fd fd = open_lock_file(path.get(), name);
+    tarn::unique_fd fd = open_instance_lock(path.get(), name);
     if (!fd)
     {
         const int error = errno;
@@ -512,6 +455,22 @@ bool tarn_process_clearenv(void)
 {
     const tarn::lock_guard lock(tarn::environment_lock);
     return ::clearenv() == 0;
+}
+
+int tarn_process_wdt_set_timeout(uint32_t seconds)
+{
+    RVOF(tarn_wdt_set_timeout(seconds), TARN_ERRLN);
+    return 0;
+}
+
+void tarn_process_wdt_kick(void)
+{
+    tarn_wdt_kick();
+}
+
+int tarn_process_wdt_disable(void)
+{
+    return tarn_process_wdt_set_timeout(0);
 }
 
 bool tarn_process_init(void)

@@ -10,7 +10,8 @@
 // returns.
 //
 // The pipe stays open for the life of the process once it is made: a handler on another thread may
-// still hold its number.
+// still hold its number. A forked child inherits it, but no relay: until the child starts its own,
+// with a pipe of its own, signals take their default action there.
 
 #include "tarn_process.h"
 
@@ -24,6 +25,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -55,12 +57,12 @@ constinit std::atomic<int> use_default_handler{1};
 constinit std::atomic<unsigned> term_sig_count{0};
 constinit std::atomic<int> relay_in{-1};  ///< write end, not blocking
 constinit std::atomic<int> relay_ack{-1}; ///< eventfd, not blocking
-constinit std::atomic<int> relay_pid{0};  ///< whose relay it is: a forked child has none
+constinit std::atomic<int> relay_pid{0};  ///< whose pipe it is; written behind its ends
 
-// Main thread only.
+// Main thread only, or the thread of a forked child that starts the relay there.
 int relay_out = -1; ///< read end
 pthread_t relay_thread{};
-bool relay_runs = false;
+constinit std::atomic<bool> relay_runs{false}; ///< in the process that owns the pipe
 
 constexpr unsigned orderly_signals = 3;
 constexpr int relay_patience_ms = 100;
@@ -69,11 +71,16 @@ constexpr char line_signal[] = "sig = %d, use_default_handler = %d, term_sig_cou
 constexpr char line_raise[] = "raise signal for default process";
 constexpr char line_threads[] = "%d threads still running";
 
+/** True when the relay's pipe belongs to this process, not to the parent of a fork. */
+bool owns_relay_pipe()
+{
+    return relay_pid.load(std::memory_order_acquire) == ::getpid();
+}
+
 bool tell_relay(const relay_record &record)
 {
-    const int fd = relay_in.load(std::memory_order_relaxed);
-    return fd >= 0 && ::getpid() == relay_pid.load() &&
-           ::write(fd, &record, sizeof record) == sizeof record;
+    return owns_relay_pipe() && ::write(relay_in.load(std::memory_order_relaxed), &record,
+                                        sizeof record) == sizeof record;
 }
 
 // ---- handler side: async-signal-safe only ------------------------------------------------------
@@ -115,9 +122,10 @@ void relay_last_lines(const relay_record &record)
     }
 }
 
-/** End the process by the default action of the signal. The raised signal is blocked, and so
- *  stays pending, until the handler returns: nothing may follow a call of this. */
-void end_by_default_action(const relay_record &record)
+/** End the process by the default action of the signal, which is blocked while its handler runs.
+ *  The first process of a container is immune to default actions; it exits as a shell would say
+ *  that it was killed. */
+[[noreturn]] void end_by_default_action(const relay_record &record)
 {
     if (tarn::process.is_daemon.load(std::memory_order_relaxed))
     {
@@ -133,6 +141,11 @@ void end_by_default_action(const relay_record &record)
     action.sa_handler = SIG_DFL;
     (void)sigaction(record.sig, &action, nullptr);
     (void)raise(record.sig);
+    sigset_t raised;
+    (void)sigemptyset(&raised);
+    (void)sigaddset(&raised, record.sig);
+    (void)pthread_sigmask(SIG_UNBLOCK, &raised, nullptr);
+    ::_exit(128 + record.sig);
 }
 
 } // namespace
@@ -140,18 +153,15 @@ void end_by_default_action(const relay_record &record)
 extern "C" void termination_signals_handler(int sig)
 {
     const tarn::errno_keeper keep_errno;
-    // A forked child shares the pipe, but must not speak to its parent's relay.
-    if (use_default_handler.load(std::memory_order_relaxed) == 1 || ::getpid() != relay_pid.load())
+    if (use_default_handler.load(std::memory_order_relaxed) == 1 || !owns_relay_pipe())
     {
         end_by_default_action({relay_record::raised, sig, 1, term_sig_count.load()});
-        return;
     }
     // The line shows the count before this signal.
     const unsigned before = term_sig_count.fetch_add(1, std::memory_order_relaxed);
     if (before + 1 > orderly_signals)
     {
         end_by_default_action({relay_record::fourth, sig, 0, before});
-        return;
     }
     (void)tell_relay({relay_record::request, sig, 0, before});
 }
@@ -195,10 +205,11 @@ bool relay(const relay_record &record)
     return true;
 }
 
-void *relay_main(void *)
+void *relay_main(void *read_end)
 {
+    const auto out = static_cast<int>(reinterpret_cast<intptr_t>(read_end));
     relay_record record{};
-    while (tarn::retry_eintr([&] { return ::read(relay_out, &record, sizeof record); }) ==
+    while (tarn::retry_eintr([&] { return ::read(out, &record, sizeof record); }) ==
                sizeof record &&
            relay(record))
     {
@@ -206,9 +217,11 @@ void *relay_main(void *)
     return nullptr;
 }
 
+/** Make the pipe, in a forked child a new one. The ends that a child inherited are closed: its
+ *  handlers have not looked at them. */
 bool open_relay_pipe()
 {
-    if (relay_out >= 0)
+    if (owns_relay_pipe())
     {
         return true;
     }
@@ -224,30 +237,48 @@ bool open_relay_pipe()
     {
         return false;
     }
-    relay_out = out.release();
-    relay_ack.store(ack.release(), std::memory_order_relaxed);
-    relay_in.store(in.release(), std::memory_order_relaxed);
+    tarn::close_fd(std::exchange(relay_out, out.release()));
+    tarn::close_fd(relay_ack.exchange(ack.release(), std::memory_order_relaxed));
+    tarn::close_fd(relay_in.exchange(in.release(), std::memory_order_relaxed));
+    relay_pid.store(::getpid(), std::memory_order_release);
     return true;
 }
 
 bool start_relay()
 {
-    if (relay_runs)
+    if (relay_runs.load(std::memory_order_relaxed) && owns_relay_pipe())
     {
         return true;
     }
+    relay_runs.store(false, std::memory_order_relaxed);
     if (!open_relay_pipe())
     {
         return false;
     }
-    relay_pid.store(::getpid());
     sigset_t all;
     sigset_t old;
     (void)sigfillset(&all);
     (void)pthread_sigmask(SIG_SETMASK, &all, &old);
-    relay_runs = pthread_create(&relay_thread, nullptr, relay_main, nullptr) == 0;
+    const bool runs =
+        pthread_create(&relay_thread, nullptr, relay_main,
+                       reinterpret_cast<void *>(static_cast<intptr_t>(relay_out))) == 0;
     (void)pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    return relay_runs;
+    relay_runs.store(runs, std::memory_order_relaxed);
+    return runs;
+}
+
+/** Forget requests that came while no relay ran: a new exit event begins not set. */
+void drop_stale_requests()
+{
+    if (relay_runs.load(std::memory_order_relaxed) || !owns_relay_pipe())
+    {
+        return;
+    }
+    relay_record record{};
+    pollfd ready = {relay_out, POLLIN, 0};
+    while (::poll(&ready, 1, 0) == 1 && ::read(relay_out, &record, sizeof record) > 0)
+    {
+    }
 }
 
 bool handle_signal(int sig, void (*handler)(int))
@@ -277,6 +308,7 @@ bool start_signals()
     RVOF(handle_signal(SIGUSR2, serial_traffic_signals_handler), false);
     if (exit_event() == nullptr)
     {
+        drop_stale_requests();
         (void)exchange_exit_event(tarn_event_create(true, false));
     }
     // clang-format off
@@ -288,7 +320,7 @@ bool start_signals()
 
 void stop_signals()
 {
-    if (relay_runs && relay_pid.load() == ::getpid())
+    if (relay_runs.load(std::memory_order_relaxed) && owns_relay_pipe())
     {
         // The pipe may be full of requests; the relay is emptying it.
         while (!tell_relay({relay_record::quit, 0, 0, 0}) && errno == EAGAIN)
@@ -297,16 +329,18 @@ void stop_signals()
             (void)::poll(&room, 1, -1);
         }
         (void)pthread_join(relay_thread, nullptr);
-        relay_runs = false;
     }
+    relay_runs.store(false, std::memory_order_relaxed);
     tarn_event_destroy(exchange_exit_event(nullptr));
 }
 
 void restart_signal_relay()
 {
-    if (relay_runs)
+    // Of several threads that wait for the exit event one starts it.
+    static constinit std::atomic<int> started_in{0};
+    if (relay_runs.load(std::memory_order_relaxed) && !owns_relay_pipe() &&
+        started_in.exchange(::getpid()) != ::getpid())
     {
-        relay_runs = false;
         (void)start_relay();
     }
 }

@@ -5,7 +5,6 @@
 
 #include "tarn_sys.h"
 
-#include "tarn_modules.h"
 #include "tarn_os.h"
 #include "tarn_process_state.h"
 #include "tarn_sys_internal.h"
@@ -91,6 +90,20 @@ bool to_local(time_t seconds, tm *fields, long *minutes_west)
     return localtime_r(&seconds, fields) != nullptr;
 }
 
+// The C library looks at TZ here too, the first time.
+bool to_utc(time_t seconds, tm *fields)
+{
+    const tarn::cancel_guard no_cancel;
+    const tarn::lock_guard lock(tarn::environment_lock);
+    return gmtime_r(&seconds, fields) != nullptr;
+}
+
+/** True when the seconds of a tarn_time are a time_t as well; other ones lie far beyond all years. */
+bool is_time_t(uint64_t seconds)
+{
+    return seconds <= INT64_MAX;
+}
+
 bool systime_local(time_t seconds, uint32_t microseconds, tarn_systime *out)
 {
     tm fields{};
@@ -102,7 +115,7 @@ bool systime_local(time_t seconds, uint32_t microseconds, tarn_systime *out)
 bool systime_utc(time_t seconds, uint32_t microseconds, tarn_systime *out)
 {
     tm fields{};
-    return gmtime_r(&seconds, &fields) != nullptr && fill_systime(fields, microseconds, 0, out);
+    return to_utc(seconds, &fields) && fill_systime(fields, microseconds, 0, out);
 }
 
 /** Write "HH:MM:SS" for a second of the day. */
@@ -301,14 +314,16 @@ bool tarn_time_to_systime_utc(const tarn_time *time, tarn_systime *out)
 {
     RVON(time, false);
     RVON(out, false);
-    return systime_utc(static_cast<time_t>(time->seconds), time->microseconds, out);
+    return is_time_t(time->seconds) &&
+           systime_utc(static_cast<time_t>(time->seconds), time->microseconds, out);
 }
 
 bool tarn_time_to_systime_local(const tarn_time *time, tarn_systime *out)
 {
     RVON(time, false);
     RVON(out, false);
-    return systime_local(static_cast<time_t>(time->seconds), time->microseconds, out);
+    return is_time_t(time->seconds) &&
+           systime_local(static_cast<time_t>(time->seconds), time->microseconds, out);
 }
 
 bool tarn_systime_to_time(const tarn_systime *systime, tarn_time *time)
@@ -344,10 +359,3 @@ int tarn_time_zone_minutes(void)
     tzset();
     return static_cast<int>(timezone / 60);
 }
-
-bool tarn_sys_init(void)
-{
-    return true;
-}
-
-void tarn_sys_uninit(void) {}

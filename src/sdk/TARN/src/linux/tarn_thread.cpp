@@ -610,7 +610,9 @@ bool tarn_thread_sleep(uint32_t ms)
     }
     if (pthread_equal(registry.main_thread.load(std::memory_order_relaxed), pthread_self()) != 0)
     {
-        return tarn_event_wait(tarn::exit_event(), ms);
+        // Before start-up and after teardown there is no event to wait for.
+        TARN_EVENT exit_event = tarn::exit_event();
+        return exit_event != TARN_INVALID_HANDLE && tarn_event_wait(exit_event, ms);
     }
     return false;
 }

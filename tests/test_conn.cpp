@@ -1,0 +1,580 @@
+// Connections and the connection server, without TLS; one suite over every kind of endpoint.
+
+#include "support.h"
+
+#include "tarn_conn.h"
+#include "tarn_conn_internal.h"
+#include "tarn_raii.h"
+#include "tarn_sys.h"
+#include "tarn_sys_internal.h"
+#include "tarn_thread.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <mutex>
+#include <thread>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+using support::expect_check;
+using support::log_capture;
+using support::wait_until;
+using conn_owner = tarn::unique_handle<TARN_CONN, tarn_conn_destroy>;
+using server_owner = tarn::unique_handle<TARN_CONN_SERVER, tarn_conn_server_destroy>;
+
+namespace
+{
+
+/** Counts what a client's callbacks are told. */
+struct client_log
+{
+    std::atomic<int> connects{0};
+    std::atomic<int> disconnects{0};
+    std::atomic<int> answer{0};
+    std::atomic<bool> destroy_inside{false};
+
+    static int on_connect(TARN_CONN, void *context)
+    {
+        auto *self = static_cast<client_log *>(context);
+        ++self->connects;
+        return self->answer;
+    }
+    static void on_disconnect(TARN_CONN conn, void *context)
+    {
+        auto *self = static_cast<client_log *>(context);
+        ++self->disconnects;
+        if (self->destroy_inside)
+        {
+            tarn_conn_destroy(conn);
+        }
+    }
+};
+
+/** A server's upper level: keeps what it admits, destroys what breaks. With echo a thread per
+ *  connection sends everything back. */
+struct echo_server
+{
+    std::atomic<int> admitted{0};
+    std::atomic<int> ended{0};
+    std::atomic<int> refuse{0};
+    bool echo = true;
+    std::mutex lock;
+    std::vector<TARN_CONN> live;
+    std::vector<std::thread> readers;
+
+    static int on_connect(TARN_CONN conn, void *context)
+    {
+        auto *self = static_cast<echo_server *>(context);
+        EXPECT_TRUE(tarn_conn_is_incoming(conn));
+        if (self->refuse != 0)
+        {
+            return self->refuse;
+        }
+        const std::lock_guard guard(self->lock);
+        ++self->admitted;
+        self->live.push_back(conn);
+        if (self->echo)
+        {
+            self->readers.emplace_back([conn] { serve(conn); });
+        }
+        return 0;
+    }
+    static void serve(TARN_CONN conn)
+    {
+        char buffer[65536];
+        for (;;)
+        {
+            const int n = tarn_conn_read(conn, buffer, sizeof buffer, 1000);
+            if (n < 0 || (n > 0 && tarn_conn_write(conn, buffer, static_cast<size_t>(n)) != n))
+            {
+                return;
+            }
+        }
+    }
+    static void on_disconnect(TARN_CONN conn, void *context)
+    {
+        auto *self = static_cast<echo_server *>(context);
+        const std::lock_guard guard(self->lock);
+        EXPECT_EQ(std::erase(self->live, conn), 1u) << "reported twice";
+        self->broken.push_back(conn);
+        ++self->ended;
+    }
+    size_t live_count()
+    {
+        const std::lock_guard guard(lock);
+        return live.size();
+    }
+    /** Readers are joined before their connections go. */
+    void finish()
+    {
+        for (auto &reader : readers)
+        {
+            reader.join();
+        }
+        readers.clear();
+        for (TARN_CONN conn : broken)
+        {
+            tarn_conn_destroy(conn);
+        }
+        broken.clear();
+    }
+    std::vector<TARN_CONN> broken;
+};
+
+struct endpoint
+{
+    const char *kind;
+    std::string addr;
+    std::string port;
+    [[nodiscard]] const char *port_or_null() const
+    {
+        return port.empty() ? nullptr : port.c_str();
+    }
+};
+
+endpoint make_endpoint(const std::string &kind)
+{
+    if (kind == "ipv4")
+    {
+        return {"ipv4", "127.0.0.1", std::to_string(support::free_port())};
+    }
+    if (kind == "ipv6")
+    {
+        return {"ipv6", "::1", std::to_string(support::free_port())};
+    }
+    return {"local", support::unique_name("conn"), ""};
+}
+
+server_owner start_server(const endpoint &at, echo_server *upper, uint32_t max_conn = 16)
+{
+    server_owner svr(tarn_conn_server_create(nullptr, at.addr.c_str(), at.port_or_null(),
+                                             TARN_INFINITE, max_conn, echo_server::on_connect,
+                                             echo_server::on_disconnect, upper));
+    EXPECT_TRUE(svr);
+    EXPECT_EQ(tarn_conn_server_loop_start(svr.get()), 0);
+    return svr;
+}
+
+conn_owner make_client(const endpoint &at, client_log *log = nullptr)
+{
+    return conn_owner(tarn_conn_create(nullptr, nullptr, nullptr, at.addr.c_str(),
+                                       at.port_or_null(), 5000,
+                                       log != nullptr ? client_log::on_connect : nullptr,
+                                       log != nullptr ? client_log::on_disconnect : nullptr, log));
+}
+
+std::string read_exactly(TARN_CONN conn, size_t size)
+{
+    std::string text(size, '\0');
+    size_t got = 0;
+    while (got < size)
+    {
+        const int n = tarn_conn_read(conn, text.data() + got, size - got, 10000);
+        if (n <= 0)
+        {
+            break;
+        }
+        got += static_cast<size_t>(n);
+    }
+    text.resize(got);
+    return text;
+}
+
+class Conn : public testing::TestWithParam<const char *>
+{
+protected:
+    support::layer layer_;
+    support::leak_check leaks_;
+    support::level_scope quiet_{TARN_LOG_LEVEL_TRACE};
+    endpoint at_ = make_endpoint(GetParam());
+};
+
+INSTANTIATE_TEST_SUITE_P(Endpoints, Conn, testing::Values("ipv4", "ipv6", "local"),
+                         [](const auto &kind) { return std::string(kind.param); });
+
+TEST_P(Conn, CarriesBytesBothWaysAndReportsItsEnds)
+{
+    echo_server upper;
+    client_log log;
+    {
+        const server_owner svr = start_server(at_, &upper);
+        const conn_owner client = make_client(at_, &log);
+        EXPECT_FALSE(tarn_conn_is_connected(client.get()));
+        char byte = 0;
+        EXPECT_LT(tarn_conn_read(client.get(), &byte, 1, 1000), 0);
+        ASSERT_EQ(tarn_conn_connect(client.get()), 0);
+        EXPECT_TRUE(tarn_conn_is_connected(client.get()));
+        EXPECT_FALSE(tarn_conn_is_incoming(client.get()));
+        EXPECT_EQ(log.connects, 1);
+        const std::string peer = at_.port.empty() ? at_.addr : at_.addr + ":" + at_.port;
+        EXPECT_EQ(tarn_conn_peer_endpoint(client.get()), peer);
+        EXPECT_EQ(tarn_conn_name(client.get()),
+                  std::string(tarn_conn_local_endpoint(client.get())) + "<->" + peer);
+
+        EXPECT_EQ(tarn_conn_idle_ms(client.get()), 0u);
+        EXPECT_EQ(tarn_conn_read(client.get(), &byte, 1, 20), 0); // nothing there
+        EXPECT_GE(tarn_conn_idle_ms(client.get()), 15u);
+        ASSERT_EQ(tarn_conn_write(client.get(), "hello", 5), 5);
+        EXPECT_EQ(read_exactly(client.get(), 5), "hello");
+        EXPECT_LT(tarn_conn_idle_ms(client.get()), 5000u);
+
+        // Several parts go out as one, and megabytes in both directions at once.
+        const std::string big(3u << 20, 'b');
+        std::thread writer([&] {
+            const tarn::send_part parts[] = {{"<", 1}, {big.data(), big.size()}, {"", 0}, {">", 1}};
+            EXPECT_EQ(tarn::conn_write_parts(client.get(), parts, TARN_INFINITE),
+                      static_cast<int64_t>(big.size() + 2));
+        });
+        EXPECT_TRUE(read_exactly(client.get(), big.size() + 2) == "<" + big + ">");
+        writer.join();
+
+        tarn_conn_disconnect(client.get());
+        tarn_conn_disconnect(client.get());
+        EXPECT_EQ(log.disconnects, 1);
+        EXPECT_LT(tarn_conn_read(client.get(), &byte, 1, 1000), 0);
+        EXPECT_TRUE(wait_until([&] { return upper.ended == 1; })); // the server found the break
+
+        ASSERT_EQ(tarn_conn_connect(client.get()), 0); // and again
+        ASSERT_EQ(tarn_conn_connect(client.get()), 0); // over a standing one
+        EXPECT_EQ(log.connects, 3);
+        EXPECT_EQ(log.disconnects, 2);
+        ASSERT_EQ(tarn_conn_write(client.get(), "x", 1), 1);
+        EXPECT_EQ(read_exactly(client.get(), 1), "x");
+    }
+    EXPECT_EQ(log.disconnects, 3);
+    EXPECT_EQ(upper.admitted, 3);
+    EXPECT_EQ(upper.ended, 3);
+    upper.finish();
+}
+
+TEST_P(Conn, ServerLimitsRefusesAndAdmitsAgain)
+{
+    echo_server upper;
+    log_capture log;
+    {
+        const server_owner svr = start_server(at_, &upper, 2);
+        std::vector<conn_owner> clients;
+        for (int i = 0; i < 3; ++i)
+        {
+            clients.push_back(make_client(at_));
+            ASSERT_EQ(tarn_conn_connect(clients.back().get()), 0);
+        }
+        char byte = 0;
+        EXPECT_LT(tarn_conn_read(clients[2].get(), &byte, 1, 10000), 0); // closed by the server
+        EXPECT_TRUE(log.contains("warn", "max connection count 2 exceed!"));
+        tarn_conn_disconnect(clients[0].get());
+        EXPECT_TRUE(wait_until([&] { return upper.ended == 1; }));
+        EXPECT_TRUE(log.contains("trace", "remove broken connection "));
+        upper.refuse = -7;
+        ASSERT_EQ(tarn_conn_connect(clients[0].get()), 0);
+        EXPECT_LT(tarn_conn_read(clients[0].get(), &byte, 1, 10000), 0);
+        EXPECT_TRUE(log.contains("warn", "this connection is reject by upper level!"));
+        upper.refuse = 0;
+        ASSERT_EQ(tarn_conn_connect(clients[0].get()), 0);
+        ASSERT_EQ(tarn_conn_write(clients[0].get(), "y", 1), 1);
+        EXPECT_EQ(read_exactly(clients[0].get(), 1), "y");
+        EXPECT_EQ(upper.ended, 1); // a refused one is not reported
+    }                              // destroyed with live peers
+    EXPECT_EQ(upper.ended, 3);
+    EXPECT_EQ(upper.admitted, 3);
+    upper.finish();
+}
+
+TEST_P(Conn, MayBeDestroyedInItsOwnCallback)
+{
+    echo_server upper;
+    const server_owner svr = start_server(at_, &upper);
+    for (const bool by_read : {true, false})
+    {
+        client_log log;
+        log.destroy_inside = true;
+        TARN_CONN client = make_client(at_, &log).release();
+        ASSERT_EQ(tarn_conn_connect(client), 0);
+        EXPECT_TRUE(wait_until([&] { return upper.live_count() == 1; }));
+        if (by_read)
+        {
+            tarn::conn_abort(upper.live[0]);
+            char byte = 0;
+            EXPECT_LT(tarn_conn_read(client, &byte, 1, 10000), 0);
+        }
+        else
+        {
+            tarn_conn_disconnect(client);
+        }
+        EXPECT_EQ(log.disconnects, 1);
+        EXPECT_TRUE(wait_until([&] { return upper.live_count() == 0; }));
+    }
+    upper.finish();
+}
+
+TEST_P(Conn, AnotherThreadDisconnectsUnderReadAndWrite)
+{
+    echo_server upper;
+    upper.echo = false; // peers that never read
+    {
+        const server_owner svr = start_server(at_, &upper);
+        for (int round = 0; round < (support::with_sanitizer ? 10 : 40); ++round)
+        {
+            client_log log;
+            const conn_owner client = make_client(at_, &log);
+            ASSERT_EQ(tarn_conn_connect(client.get()), 0);
+            std::thread reader([&] {
+                char buffer[256];
+                while (tarn_conn_read(client.get(), buffer, sizeof buffer, TARN_INFINITE) >= 0)
+                {
+                }
+            });
+            std::thread writer([&] {
+                const std::string big(1u << 20, 'w');
+                while (tarn_conn_write(client.get(), big.data(), big.size()) ==
+                       static_cast<int>(big.size()))
+                {
+                }
+            });
+            std::this_thread::sleep_for(std::chrono::milliseconds(round % 4));
+            tarn_conn_disconnect(client.get());
+            reader.join();
+            writer.join();
+            EXPECT_EQ(log.disconnects, 1);
+        }
+    }
+    EXPECT_EQ(upper.ended, upper.admitted);
+    upper.finish();
+}
+
+TEST_P(Conn, ChurnLeavesNothing)
+{
+    echo_server upper;
+    {
+        const server_owner svr = start_server(at_, &upper, 64);
+        const int rounds = support::with_sanitizer ? 100 : 1000;
+        for (int i = 0; i < rounds; ++i)
+        {
+            const conn_owner client = make_client(at_);
+            ASSERT_EQ(tarn_conn_connect(client.get()), 0);
+            if (i % 3 == 0)
+            {
+                ASSERT_EQ(tarn_conn_write(client.get(), "z", 1), 1);
+                EXPECT_EQ(read_exactly(client.get(), 1), "z");
+            }
+        }
+        EXPECT_TRUE(wait_until([&] { return upper.ended + 64 > rounds; }));
+    }
+    EXPECT_EQ(upper.ended, upper.admitted);
+    upper.finish();
+}
+
+TEST_P(Conn, TurnsMayBeRunByTheCaller)
+{
+    echo_server upper;
+    server_owner svr(tarn_conn_server_create(nullptr, at_.addr.c_str(), at_.port_or_null(), 30, 4,
+                                             echo_server::on_connect, nullptr, &upper));
+    ASSERT_TRUE(svr);
+    EXPECT_NE(tarn_conn_server_socket(svr.get()), nullptr);
+    const double waited =
+        support::elapsed_ms([&] { EXPECT_EQ(tarn_conn_server_loop(svr.get()), 0); });
+    EXPECT_GE(waited, 28.0);
+    const conn_owner client = make_client(at_);
+    ASSERT_EQ(tarn_conn_connect(client.get()), 0);
+    EXPECT_EQ(tarn_conn_server_loop(svr.get()), 0);
+    EXPECT_EQ(upper.admitted, 1);
+    ASSERT_EQ(tarn_conn_server_loop_start(svr.get()), 0);
+    const support::level_scope debug(TARN_LOG_LEVEL_DEBUG);
+    expect_check("RVOF(TARN_INVALID_HANDLE == svr->thread,TARN_ERRLN)");
+    EXPECT_LT(tarn_conn_server_loop(svr.get()), 0);
+    EXPECT_LT(tarn_conn_server_loop_start(svr.get()), 0);
+    tarn_conn_server_loop_stop(svr.get());
+    EXPECT_EQ(tarn_conn_server_loop(svr.get()), 0); // the listener is still there
+    tarn_conn_disconnect(client.get());
+    upper.finish(); // the reader finds the break; without on_disconnect the server destroys it
+    EXPECT_EQ(upper.ended, 0);
+    svr.reset();
+}
+
+// ---- particular cases ----------------------------------------------------------------------------
+
+class ConnCase : public testing::Test
+{
+protected:
+    support::layer layer_;
+    support::leak_check leaks_;
+};
+
+TEST_F(ConnCase, MissingArgumentsAndRefusalsAreReported)
+{
+    log_capture log;
+    expect_check("RVON(peer_addr,NULL)");
+    expect_check("RVON(on_connect,NULL)");
+    expect_check("RVON(addr,NULL)");
+    expect_check("RVON(conn,TARN_ERRLN)");
+    expect_check("RVON(conn,false)");
+    EXPECT_EQ(
+        tarn_conn_create(nullptr, nullptr, nullptr, nullptr, "1", 1, nullptr, nullptr, nullptr),
+        nullptr);
+    EXPECT_EQ(tarn_conn_server_create(nullptr, "127.0.0.1", "0", 1, 1, nullptr, nullptr, nullptr),
+              nullptr);
+    EXPECT_EQ(tarn_conn_server_create(nullptr, nullptr, "80", 1, 1, echo_server::on_connect,
+                                      nullptr, nullptr),
+              nullptr);
+    EXPECT_LT(tarn_conn_connect(nullptr), 0);
+    EXPECT_FALSE(tarn_conn_is_connected(nullptr));
+    tarn_conn_destroy(nullptr);
+    tarn_conn_server_destroy(nullptr);
+
+    echo_server upper;
+    upper.echo = false;
+    const endpoint at = make_endpoint("ipv4");
+    server_owner svr = start_server(at, &upper);
+    EXPECT_EQ(tarn_conn_server_create(nullptr, at.addr.c_str(), at.port.c_str(), 1, 1,
+                                      echo_server::on_connect, nullptr, nullptr),
+              nullptr); // the port is taken
+    client_log refused;
+    refused.answer = 5;
+    const conn_owner client = make_client(at, &refused);
+    EXPECT_LT(tarn_conn_connect(client.get()), 0);
+    EXPECT_TRUE(log.contains("error", "cb_on_connect return 5"));
+    EXPECT_EQ(refused.disconnects, 1);
+    expect_check("RVOF(buf_len > 0,TARN_ERRLN)");
+    EXPECT_LT(tarn_conn_write(client.get(), "", 0), 0);
+    expect_check("RVOF(conn->is_connected,TARN_ERRLN)");
+    EXPECT_LT(tarn_conn_write(client.get(), "x", 1), 0);
+    EXPECT_TRUE(wait_until([&] { return upper.live_count() == 1; }));
+    EXPECT_LT(tarn_conn_connect(upper.live[0]), 0);
+    EXPECT_TRUE(log.contains("error", "cannot do connect on incoming or server socket!"));
+    svr.reset();
+    upper.finish();
+}
+
+TEST_F(ConnCase, AddressWalkGoesOnAfterASuccessAndTheLastAttemptDecides)
+{
+    log_capture log;
+    echo_server upper;
+    upper.echo = false;
+    const endpoint at = make_endpoint("ipv4");
+    const std::string closed = std::to_string(support::free_port());
+    const std::string ports = closed + "; ;," + at.port + "|" + closed;
+    const struct
+    {
+        std::string addrs, ports;
+        bool connects;
+        int admitted;
+    } cases[] = {
+        {"127.0.0.1", at.port, true, 1},
+        {" 127.0.0.1 ,127.0.0.1", at.port, true, 2}, // both are tried
+        {"127.0.0.1;::1", at.port, false, 1},        // the last one fails and decides
+        {"::1|127.0.0.1", at.port, true, 1},
+        {"127.0.0.1", ports, true, 1}, // ports until one answers
+        {"no.such.host.invalid,127.0.0.1", at.port, true, 1},
+        {"127.0.0.1", closed, false, 0},
+    };
+    server_owner svr = start_server(at, &upper);
+    expect_check("BOF(conn->sock != TARN_INVALID_HANDLE)");
+    int expected = 0;
+    for (const auto &c : cases)
+    {
+        const conn_owner client(tarn_conn_create(nullptr, nullptr, nullptr, c.addrs.c_str(),
+                                                 c.ports.c_str(), 3000, nullptr, nullptr, nullptr));
+        EXPECT_EQ(tarn_conn_connect(client.get()) == 0, c.connects) << c.addrs << " " << c.ports;
+        expected += c.admitted;
+        EXPECT_TRUE(wait_until([&] { return upper.admitted == expected; })) << c.addrs;
+    }
+    EXPECT_TRUE(log.contains("warn", "connect to 127.0.0.1:" + closed + " failed, error = 111"));
+    svr.reset();
+    upper.finish();
+}
+
+TEST_F(ConnCase, LocalClientsOfOneProcessHaveNamesOfTheirOwn)
+{
+    echo_server upper;
+    upper.echo = false;
+    for (const std::string &name : {support::unique_name("names"), std::string("Wardmon")})
+    {
+        const endpoint at = {"local", name, ""};
+        server_owner svr = start_server(at, &upper);
+        const conn_owner a = make_client(at);
+        const conn_owner b = make_client(at);
+        ASSERT_EQ(tarn_conn_connect(a.get()), 0);
+        ASSERT_EQ(tarn_conn_connect(b.get()), 0);
+        EXPECT_STRNE(tarn_conn_local_endpoint(a.get()), tarn_conn_local_endpoint(b.get()));
+        EXPECT_TRUE(wait_until([&] { return upper.live_count() == 2; }));
+        EXPECT_STREQ(tarn_conn_peer_endpoint(upper.live[0]), tarn_conn_local_endpoint(a.get()));
+        EXPECT_STREQ(tarn_conn_peer_endpoint(upper.live[1]), tarn_conn_local_endpoint(b.get()));
+        svr.reset();
+        upper.finish();
+    }
+    ::unlink("/tmp/tarn/Wardmon.sock");
+}
+
+TEST_F(ConnCase, StopRequestAndDisconnectEndAConnectThatWaits)
+{
+    // A listener with a full backlog that nobody empties.
+    const endpoint at = make_endpoint("local");
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const tarn::socket_address address =
+        tarn::socket_port::local_address(std::string("\0/tarn/sock/", 12) + at.addr);
+    ASSERT_EQ(tarn::socket_port::bind(listener, address), 0);
+    ASSERT_EQ(::listen(listener, 0), 0);
+    const conn_owner filler = make_client(at);
+    ASSERT_EQ(tarn_conn_connect(filler.get()), 0);
+    const conn_owner client(tarn_conn_create(nullptr, nullptr, nullptr, at.addr.c_str(), nullptr,
+                                             60000, nullptr, nullptr, nullptr));
+    std::atomic<int> result{1};
+    expect_check("BOF(conn->sock != TARN_INVALID_HANDLE)");
+    std::thread connecting([&] { result = tarn_conn_connect(client.get()); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(result, 1);
+    const double took = support::elapsed_ms([&] {
+        tarn_conn_disconnect(client.get());
+        connecting.join();
+    });
+    EXPECT_LT(result, 0);
+    EXPECT_LT(took, 10000.0);
+    ::close(listener);
+}
+
+TEST_F(ConnCase, ServerMayBeDestroyedInsideOnConnect)
+{
+    static TARN_CONN_SERVER svr;
+    const endpoint at = make_endpoint("local");
+    const auto on_connect = [](TARN_CONN, void *done) -> int {
+        tarn_conn_server_destroy(svr);
+        *static_cast<std::atomic<bool> *>(done) = true;
+        return 0;
+    };
+    std::atomic<bool> done{false};
+    svr = tarn_conn_server_create(nullptr, at.addr.c_str(), nullptr, TARN_INFINITE, 4, on_connect,
+                                  nullptr, &done);
+    ASSERT_NE(svr, nullptr);
+    ASSERT_EQ(tarn_conn_server_loop_start(svr), 0);
+    const conn_owner client = make_client(at);
+    ASSERT_EQ(tarn_conn_connect(client.get()), 0);
+    EXPECT_TRUE(wait_until([&] { return done.load(); }));
+    char byte = 0;
+    EXPECT_LT(tarn_conn_read(client.get(), &byte, 1, 10000), 0);
+    EXPECT_TRUE(wait_until([] { return tarn_thread_count() == 0; }));
+}
+
+TEST_F(ConnCase, StatusIsPrintedOnceAMinute)
+{
+    echo_server upper;
+    upper.echo = false;
+    const endpoint at = make_endpoint("local");
+    log_capture log;
+    server_owner svr = start_server(at, &upper);
+    const conn_owner first = make_client(at);
+    ASSERT_EQ(tarn_conn_connect(first.get()), 0);
+    EXPECT_TRUE(log.wait_for("Accept connection from "));
+    EXPECT_FALSE(log.contains("total "));
+    tarn::tick_ms_offset = 60001; // a minute later
+    const conn_owner second = make_client(at);
+    ASSERT_EQ(tarn_conn_connect(second.get()), 0);
+    EXPECT_TRUE(log.wait_for("--------------------"));
+    EXPECT_TRUE(log.contains("debug", "total 2 connections"));
+    EXPECT_EQ(log.count(", connected"), 2u);
+    tarn::tick_ms_offset = 0;
+    svr.reset();
+    upper.finish();
+}
+
+} // namespace
