@@ -470,7 +470,8 @@ bool make_file_and_segment(TARN_SHM shm, const char *name)
             return state == key_state::free;
         }
         (void)::unlink(shm->path);
-        (void)::ftruncate(shm->fd, 0); // gives the memory back, keeps the inode
+        // Gives the memory back, keeps the inode.
+        [[maybe_unused]] const int emptied = ::ftruncate(shm->fd, 0);
         shm->owns_file = 0;
         kept.reset(std::exchange(shm->fd, -1));
     }
