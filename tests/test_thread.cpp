@@ -227,7 +227,9 @@ TEST_F(Thread, StackSizesAreRaisedAndReported)
         EXPECT_TRUE(log.contains("debug", "stacksize = [" + std::to_string(given) + "]"));
         EXPECT_TRUE(wait_until([] { return stack != 0; }));
         tarn_thread_stop(t);
-        EXPECT_EQ(stack, given);
+        // glibc may hand over the stack of an ended thread, up to four times as large
+        EXPECT_GE(stack, given);
+        EXPECT_LE(stack, 4 * given);
     }
 }
 
