@@ -17,7 +17,14 @@ namespace
 class RpcServer : public RpcBase
 {
 };
-INSTANTIATE_TEST_SUITE_P(Transports, RpcServer, kinds,
+INSTANTIATE_TEST_SUITE_P(Transports, RpcServer, raw_kinds,
+                         [](const auto &kind) { return std::string(kind.param); });
+
+/** Without raw peers. */
+class RpcServerLoad : public RpcBase
+{
+};
+INSTANTIATE_TEST_SUITE_P(Transports, RpcServerLoad, kinds,
                          [](const auto &kind) { return std::string(kind.param); });
 
 /** The element that text_message() writes. */
@@ -251,7 +258,7 @@ TEST_P(RpcServer, ReplyCountsOnce)
     EXPECT_EQ(got.text, "why");
 }
 
-TEST_P(RpcServer, ServesManyClientsAndOneSharedOne)
+TEST_P(RpcServerLoad, ServesManyClientsAndOneSharedOne)
 {
     server svr(at_);
     svr.start();
@@ -278,7 +285,7 @@ TEST_P(RpcServer, ServesManyClientsAndOneSharedOne)
     EXPECT_TRUE(wait_until([&] { return svr.ended == static_cast<int>(count); }));
 }
 
-TEST_P(RpcServer, DestroyWithLiveConnectionsLeavesNothing)
+TEST_P(RpcServerLoad, DestroyWithLiveConnectionsLeavesNothing)
 {
     for (const bool own_the_end : {true, false}) // without on_disconnected they destroy themselves
     {
@@ -300,8 +307,11 @@ TEST_P(RpcServer, DestroyWithLiveConnectionsLeavesNothing)
         {
             logs.push_back(std::make_unique<client_log>());
             clients.push_back(connected_client(at_, logs.back().get()));
-            callers.emplace_back([&, client = clients.back().get()] {
-                while (call(client, 2, "x").code == 7)
+        }
+        for (const rpc_owner &client : clients)
+        {
+            callers.emplace_back([&failed, rpc = client.get()] {
+                while (call(rpc, 2, "x").code == 7)
                 {
                 }
                 ++failed;
@@ -384,6 +394,43 @@ TEST_P(RpcServer, ConnectionMayBeDestroyedInItsCallbacks)
         EXPECT_TRUE(peer.closed());
     }
     EXPECT_TRUE(wait_until([&] { return svr.ended == 20; }));
+}
+
+TEST_P(RpcServer, KeepsTheLineAliveAndDropsAMutePeer)
+{
+    server svr(at_);
+    svr.start();
+    client_log log;
+    rpc_owner client = connected_client(at_, &log);
+    raw_peer mute(at_);
+    raw_peer trickle(at_);
+    EXPECT_TRUE(wait_until([&] { return svr.admitted == 3; }));
+    log_capture lines;
+    std::atomic<bool> stop{false};
+    std::thread drip([&] {
+        while (!stop && trickle.send("x"))
+        {
+            tarn_sleep_ms(50);
+        }
+    });
+    {
+        const support::level_scope debug(TARN_LOG_LEVEL_DEBUG);
+        expect_check("RVON(msg,TARN_ERRLN)"); // what the peer makes of a keep-alive
+        tarn::tick_ms_offset += 10000;
+        EXPECT_TRUE(lines.wait_for("] send keep alive"));
+        EXPECT_TRUE(lines.wait_for("] no req match reply with seq_no [0]"));
+    }
+    tarn::tick_ms_offset += 20100; // the client has been heard of, the others have not
+    EXPECT_TRUE(mute.closed());
+    EXPECT_TRUE(trickle.closed());
+    stop = true;
+    drip.join();
+    EXPECT_TRUE(wait_until([&] { return svr.ended == 2; }));
+    EXPECT_EQ(lines.count("] conn timeout!"), 2u);
+    EXPECT_EQ(log.disconnects, 0);
+    EXPECT_GT(log.idles, 0);
+    EXPECT_EQ(call(client.get(), 1, "still").text, "still");
+    tarn::tick_ms_offset = 0;
 }
 
 } // namespace
