@@ -26,14 +26,15 @@ enum conn_kind : uint32_t
  *  thread only shuts it down: the last reference closes. */
 struct conn_link
 {
-    uint32_t refs;       ///< atomic
-    uint32_t kind;       ///< conn_kind
-    uint32_t timeout_ms; ///< of a connect or an accept
-    TARN_CONN conn;      ///< whose link it is; alive while the link is being set up
-    TARN_SOCKET sock;    ///< written while the link is set up, fixed afterwards
-    TLSU_SESSION tls_h;  ///< null: plain
-    char *peer_host;     ///< address that is being connected, for the check of its certificate
-    connect_slot slot;   ///< shows the socket to socket_abort()
+    uint32_t refs;          ///< atomic
+    uint32_t kind;          ///< conn_kind
+    uint32_t timeout_ms;    ///< of a connect or an accept
+    TARN_CONN conn;         ///< whose link it is; alive while the link is being set up
+    TARN_SOCKET sock;       ///< written while the link is set up, fixed afterwards
+    TLSU_SESSION tls_h;     ///< null: plain
+    uint32_t send_limit_ms; ///< of one piece of a session's bytes; atomic; 0: none
+    char *peer_host;        ///< address that is being connected, for the check of its certificate
+    connect_slot slot;      ///< shows the socket to socket_abort()
 };
 
 void link_ref(conn_link *link);

@@ -172,7 +172,9 @@ int tlsu_conn_send(void *conn_h, const void *bytes, int len)
     TARN_LOG_DEBUG("conn = [%p], sock = [%p], buf_len = [%d]", static_cast<void *>(link->conn),
                    static_cast<void *>(link->sock), len);
     const tarn::send_part part = {bytes, static_cast<size_t>(len)};
-    return static_cast<int>(tarn::socket_send_parts(link->sock, {&part, 1}, TARN_INFINITE));
+    const uint32_t limit = __atomic_load_n(&link->send_limit_ms, __ATOMIC_RELAXED);
+    return static_cast<int>(
+        tarn::socket_send_parts(link->sock, {&part, 1}, limit != 0 ? limit : TARN_INFINITE));
 }
 
 int tlsu_conn_recv(void *conn_h, void *buffer, int max_len, uint32_t timeout_ms)

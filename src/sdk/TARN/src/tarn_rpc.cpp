@@ -524,10 +524,11 @@ void rpc_touch(TARN_RPC rpc)
 void rpc_line_up(TARN_RPC rpc)
 {
     rpc_line_lost(rpc);
-    link_pin link = conn_hold_link(rpc->cli_h);
+    const link_pin link = conn_hold_link(rpc->cli_h);
     const critical_section_guard guard(rpc->lock);
     if (link && rpc->destroyed == 0)
     {
+        __atomic_store_n(&link->send_limit_ms, rpc_send_limit_ms, __ATOMIC_RELAXED);
         link_ref(link.get());
         rpc->line = link.get();
         ++rpc->generation;
