@@ -200,6 +200,16 @@ link_pin rpc_hold_line(TARN_RPC rpc);
  *  caller does. */
 void rpc_line_fail(TARN_RPC rpc, conn_link *line);
 
+/** The object's loop thread. */
+TARN_THREAD rpc_thread(TARN_RPC rpc);
+
+/** Become the pump. @return false while another thread is */
+bool rpc_pump_take(TARN_RPC rpc);
+/** @param hand_over  wake a sender that waits, to run the turns */
+void rpc_pump_give(TARN_RPC rpc, bool hand_over);
+
+/* ---- tarn_rpc_send.cpp -------------------------------------------------------------------------- */
+
 /** Write a frame.
  *  @param data  may be null
  *  @return bytes written; negative, with the failing part logged and errno kept */
@@ -212,16 +222,13 @@ int64_t rpc_send_frame(TARN_RPC rpc, conn_link *line, uint32_t seq_no, uint32_t 
 int rpc_msg_send_until(TARN_RPC rpc, uint32_t seq_no, uint32_t msg_id, TARN_RPC_MSG msg,
                        TARN_RPC_MSG *rsp_msg, uint32_t timeout_ms, const bool *stop);
 
-/** The object's loop thread. */
-TARN_THREAD rpc_thread(TARN_RPC rpc);
-
 /** Hand a reply to the request that waits for it; takes the message over. */
 void rpc_complete(TARN_RPC rpc, const rpc_frame_fields &fields, TARN_RPC_MSG msg);
 
-/** Become the pump. @return false while another thread is */
-bool rpc_pump_take(TARN_RPC rpc);
-/** @param hand_over  wake a sender that waits, to run the turns */
-void rpc_pump_give(TARN_RPC rpc, bool hand_over);
+/** Under the lock: wake one request that waits, or all, or let all fail. */
+void rpc_wake_next(TARN_RPC rpc);
+void rpc_wake_all(TARN_RPC rpc);
+void rpc_fail_all(TARN_RPC rpc);
 
 /* ---- tarn_rpc_rx.cpp ---------------------------------------------------------------------------- */
 
