@@ -2,13 +2,13 @@
 
 #include "support_ipc.h"
 
-#include "tarn_event.h"
-#include "tarn_process.h"
+#include "tarn_modules.h"
 #include "tarn_sys.h"
-#include "tarn_thread.h"
 
-#include <algorithm>
 #include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -348,10 +348,9 @@ TEST(IpcCall, OneRequestBufferServesSeveralThreads)
     EXPECT_TRUE(wait_until([&] { return ends.server_side.calls == 801; }));
 }
 
-TEST(IpcOpen, FailsWithoutServerWithTakenNameAndWithoutGreeting)
+TEST(IpcOpen, FailsWithoutServerAndWithATakenName)
 {
     const support::leak_checked_layer layer;
-    const ipc_times times([](tarn::ipc_limits &limit) { limit.greeting_ms = 100; });
     const support::log_capture log;
     ipc_side side;
     const std::string name = unique_name("nobody");
@@ -366,9 +365,70 @@ TEST(IpcOpen, FailsWithoutServerWithTakenNameAndWithoutGreeting)
     ASSERT_TRUE(client);
     EXPECT_EQ(side.open(name, caller), nullptr);
     EXPECT_TRUE(log.contains("[" + name + ":" + caller + "] create socket failed, error = [98]."));
+}
 
-    const tarn::socket_owner silent = tarn::ipc_create_socket(unique_name("silent").c_str());
-    ASSERT_EQ(tarn_socket_listen(silent.get(), 4), 0);
+TEST(IpcOpen, FailsWithoutTheGreeting)
+{
+    const support::leak_checked_layer layer;
+    const ipc_times times([](tarn::ipc_limits &limit) { limit.greeting_ms = 100; });
+    const std::string name = unique_name("rude");
+    const tarn::socket_owner listener = tarn::ipc_create_socket(name.c_str());
+    ASSERT_EQ(tarn_socket_listen(listener.get(), 4), 0);
+    const struct
+    {
+        const char *bytes;
+        size_t size;
+        const char *line;
+    } cases[] = {
+        {"", 0, "negotiation buffer size error (0)."},
+        {"TARN_IPC_NEGOTIATION", 20, "negotiation buffer size error (20)."},
+        {"TARN_IPC_\n%s%s%s%s%s%s%s", 21, "negotiation data error (TARN_IPC_?%s%s%s%s%s%)."}};
+    for (const auto &each : cases)
+    {
+        const support::log_capture log;
+        tarn::socket_owner peer;
+        std::thread server([&] {
+            peer.reset(tarn_socket_accept_local(listener.get(), nullptr, 0, 5000));
+            EXPECT_TRUE(each.size == 0 || tarn_socket_send(peer.get(), each.bytes, each.size) > 0);
+        });
+        ipc_side side;
+        EXPECT_EQ(side.open(name, unique_name("c")), nullptr);
+        server.join();
+        EXPECT_TRUE(log.contains(each.line)) << each.line;
+        EXPECT_EQ(side.connected + side.disconnected, 0);
+    }
+}
+
+TEST(IpcModule, StartsOnceWaitsForHandlersAndStartsAgain)
+{
+    const support::leak_checked_layer layer;
+    {
+        const support::log_capture log;
+        EXPECT_TRUE(tarn_ipc_init());
+        EXPECT_FALSE(log.contains("create thread pool"));
+    }
+    for (int round = 0; round < 2; ++round)
+    {
+        pair_of_ends ends;
+        std::atomic<int> running{0};
+        ends.server_side.on_call = [&](TARN_IPC, uint32_t, TARN_DATA, TARN_DATA *) {
+            ++running;
+            tarn_sleep_ms(50);
+            --running;
+            return 0;
+        };
+        ends.start();
+        EXPECT_EQ(tarn_ipc_call(ends.client.get(), 1, nullptr, nullptr, nullptr), 0);
+        ASSERT_TRUE(wait_until([&] { return running == 1; }));
+        tarn_ipc_uninit();
+        EXPECT_EQ(running, 0);
+        tarn_ipc_uninit();
+        const support::log_capture log;
+        EXPECT_TRUE(tarn_ipc_init());
+        EXPECT_TRUE(log.contains("debug", "create thread pool, size = [256]"));
+        tarn_close_handle(ends.client.release());
+        EXPECT_EQ(ends.client_side.disconnected, 1);
+    }
 }
 
 TEST(IpcServer, TurnsAwayWhoGetsNoCallbacksAndWhoIsTooMany)

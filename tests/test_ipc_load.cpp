@@ -188,6 +188,30 @@ TEST(IpcLoad, EveryAnswerReachesItsCaller)
     EXPECT_EQ(server.wait(), 0);
 }
 
+TEST(IpcLoad, APostLoopLosesNothing)
+{
+    const support::leak_checked_layer layer;
+    const support::level_scope quiet(TARN_LOG_LEVEL_INFO);
+    const std::string name = unique_name("post");
+    const int posts = support::with_sanitizer ? 5000 : 100000;
+    std::atomic<int64_t> sum{0};
+    ipc_side side;
+    side.on_call = [&](TARN_IPC, uint32_t func_id, TARN_DATA, TARN_DATA *) {
+        sum += func_id;
+        return 0;
+    };
+    ipc_side client_side;
+    const ipc_owner server(side.serve(name));
+    const ipc_owner client(client_side.open(name, unique_name("c")));
+    for (int i = 0; i < posts; ++i)
+    {
+        ASSERT_EQ(tarn_ipc_call(client.get(), static_cast<uint32_t>(i), nullptr, nullptr, nullptr),
+                  0);
+    }
+    EXPECT_TRUE(wait_until([&] { return side.calls == posts; })) << side.calls;
+    EXPECT_TRUE(wait_until([&] { return sum == int64_t{posts} * (posts - 1) / 2; }));
+}
+
 TEST(IpcLoad, AFullPoolRefusesAndRecovers)
 {
     const support::leak_checked_layer layer;

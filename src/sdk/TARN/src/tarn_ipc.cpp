@@ -1,6 +1,7 @@
-// Local IPC: connections, their receiving thread, and the public calls on handles. Calls and handlers
-// are in tarn_ipc_call.cpp, frames in tarn_ipc_frame.cpp, servers in tarn_ipc_server.cpp, the handler
-// threads in tarn_ipc_pool.cpp.
+// Local IPC: handles, and making and destroying connections. Their record and receiving thread are in
+// tarn_ipc_conn.cpp, connecting in tarn_ipc_connect.cpp, calls and handlers in tarn_ipc_call.cpp,
+// frames in tarn_ipc_frame.cpp, servers in tarn_ipc_server.cpp, the handler threads in
+// tarn_ipc_pool.cpp.
 //
 // Who frees what: a connection has a reference for its handle (or its server's list) and one for
 // each frame in the pool, each call under way and each pass of its thread; the last one frees it. So
@@ -16,381 +17,21 @@
 
 #include "tarn_check.h"
 #include "tarn_ipc_internal.h"
-#include "tarn_os.h"
 #include "tarn_str.h"
-#include "tarn_sys.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 namespace
 {
 
 using tarn::conn_ref_owner;
 using tarn::ipc_conn;
-using tarn::ipc_line;
 using tarn::ipc_p;
-using tarn::ipc_pending;
-using tarn::line_owner;
 using tarn::socket_owner;
-
-bool is_connected(const ipc_conn *conn)
-{
-    return tarn::ipc_load(conn->status) == tarn::ipc_connected;
-}
 
 bool is_closing(const ipc_conn *conn)
 {
     return tarn::ipc_load(conn->closing) != 0;
-}
-
-// ---- callbacks of the receiving side ------------------------------------------------------------------
-
-/** Marks the calling thread as the one that the connection's frames wait for. */
-class [[nodiscard]] receiving_scope
-{
-public:
-    explicit receiving_scope(const ipc_conn *conn) noexcept;
-    receiving_scope(const receiving_scope &) = delete;
-    receiving_scope &operator=(const receiving_scope &) = delete;
-    ~receiving_scope();
-    static bool contains(const ipc_conn *conn);
-
-private:
-    const ipc_conn *conn_;
-    const receiving_scope *outer_;
-};
-
-/** The scopes of the calling thread, innermost first. */
-constinit thread_local const receiving_scope *receiving = nullptr;
-
-receiving_scope::receiving_scope(const ipc_conn *conn) noexcept : conn_(conn), outer_(receiving)
-{
-    receiving = this;
-}
-
-receiving_scope::~receiving_scope()
-{
-    receiving = outer_;
-}
-
-bool receiving_scope::contains(const ipc_conn *conn)
-{
-    const receiving_scope *scope = receiving;
-    while (scope != nullptr && scope->conn_ != conn)
-    {
-        scope = scope->outer_;
-    }
-    return scope != nullptr;
-}
-
-/** Call on_disconnected when on_connected was called, or when a closing connection does not forbid
- *  the report of a vain attempt. */
-void report_disconnected(ipc_conn *conn, bool vain_attempt)
-{
-    {
-        const tarn::critical_section_guard guard(conn->lock);
-        const bool due = conn->reported != 0 || (vain_attempt && conn->closing == 0);
-        conn->reported = 0;
-        if (!due)
-        {
-            return;
-        }
-        tarn::count_callback(conn->callbacks);
-    }
-    TARN_LOG_DEBUG("[%p:%p:%p:%s:%s] invoke on_disconnected", ipc_p(conn->server), ipc_p(conn),
-                   ipc_p(conn->line), conn->callee, conn->caller_text);
-    const tarn::callback_scope counted(conn->callbacks);
-    const receiving_scope scope(conn);
-    conn->cb.on_disconnected(tarn::handle_of(conn), conn->caller, conn->cb.object,
-                             tarn::handle_of(conn));
-}
-
-// ---- lines --------------------------------------------------------------------------------------------
-
-line_owner make_line(socket_owner sock)
-{
-    line_owner line(tarn::unique_mem<ipc_line>::make().release());
-    RVON(line, line_owner());
-    line.get()->refs = 1;
-    line.get()->send_lock = tarn_critical_section_create();
-    RVON(line.get()->send_lock, line_owner());
-    line.get()->sock = sock.release();
-    return line;
-}
-
-/** Close the socket of a line that was dropped. Only where nothing receives on it any more. */
-void close_line(ipc_conn *conn)
-{
-    ipc_line *const line = conn->line;
-    if (line == nullptr)
-    {
-        return;
-    }
-    TARN_SOCKET sock = nullptr;
-    {
-        const tarn::critical_section_guard sending(line->send_lock);
-        const tarn::critical_section_guard guard(conn->lock);
-        sock = std::exchange(line->sock, nullptr);
-    }
-    if (sock != nullptr)
-    {
-        tarn_socket_destroy(sock);
-    }
-}
-
-// ---- connecting ---------------------------------------------------------------------------------------
-
-/** Receive the greeting.
- *  @param buf  what is received at most: with more room than the greeting takes, more may come
- *  @return bytes received, fewer than the greeting when it did not come in time */
-size_t receive_greeting(TARN_SOCKET sock, std::span<uint8_t> buf)
-{
-    const tarn::deadline limit(tarn::ipc_limit.greeting_ms);
-    size_t got = 0;
-    while (got < tarn::ipc_greeting_size)
-    {
-        const auto left_ms = static_cast<uint32_t>(limit.left_ns() / 1000000);
-        const int n = left_ms == 0
-                          ? 0
-                          : tarn::socket_receive(sock, buf.data() + got, buf.size() - got, left_ms);
-        if (n <= 0)
-        {
-            break;
-        }
-        got += static_cast<size_t>(n);
-    }
-    return got;
-}
-
-/** Names of a connection that is being made, for the log. */
-struct attempt
-{
-    const void *who;
-    const char *callee;
-    const char *caller;
-};
-
-bool check_greeting(const attempt &names, std::span<const uint8_t> got)
-{
-    if (got.size() < tarn::ipc_greeting_size)
-    {
-        TARN_LOG_TRACE("[%p:%s:%s] negotiation buffer size error (%d).", ipc_p(names.who),
-                       names.callee, names.caller, static_cast<int>(got.size()));
-        return false;
-    }
-    if (std::memcmp(got.data(), TARN_IPC_NEGOTIATION, tarn::ipc_greeting_size) != 0)
-    {
-        char text[tarn::ipc_greeting_size + 1];
-        tarn::ipc_copy_shown(text, sizeof text, reinterpret_cast<const char *>(got.data()),
-                             tarn::ipc_greeting_size);
-        TARN_LOG_TRACE("[%p:%s:%s] negotiation data error (%s).", ipc_p(names.who), names.callee,
-                       names.caller, text);
-        return false;
-    }
-    return true;
-}
-
-/** Connect a named socket to a server and take its greeting.
- *  @param slot      shows the socket meanwhile
- *  @param buf       room for the greeting and what may come with it
- *  @param received  out */
-socket_owner connect_to_server(const attempt &names, socket_owner sock, tarn::connect_slot &slot,
-                               std::span<uint8_t> buf, size_t &received)
-{
-    if (!tarn::socket_publish(slot, sock.get()))
-    {
-        return {};
-    }
-    bool stands = false;
-    if (tarn_socket_connect_local_with_timeout(sock.get(), names.callee,
-                                               tarn::ipc_limit.connect_ms) == 0)
-    {
-        received = receive_greeting(sock.get(), buf);
-        stands = check_greeting(names, buf.first(received));
-    }
-    else
-    {
-        TARN_LOG_TRACE("[%p:%s:%s] connect failed, err = [%d]", ipc_p(names.who), names.callee,
-                       names.caller, errno);
-    }
-    const bool kept = tarn::socket_unpublish(slot);
-    return stands && kept ? std::move(sock) : socket_owner();
-}
-
-/** What came together with the greeting is dropped; the machine follows it, so that a frame of which
- *  it is the beginning is dropped whole. */
-void discard(ipc_conn *conn, std::span<const uint8_t> bytes)
-{
-    conn->receiver.discard = tarn::ipc_discard_all;
-    tarn::ipc_feed(conn, bytes);
-    conn->receiver.discard =
-        conn->receiver.state == 0 ? tarn::ipc_discard_none : tarn::ipc_discard_frame;
-}
-
-/** One attempt of an asynchronous client.
- *  @return true when it stands and was reported */
-bool reconnect(ipc_conn *conn)
-{
-    tarn::ipc_drop_line(conn, tarn::ipc_disconnected);
-    close_line(conn);
-    socket_owner sock = tarn::ipc_create_socket(conn->caller);
-    if (!sock)
-    {
-        return false;
-    }
-    size_t received = 0;
-    const std::span<uint8_t> buf(conn->buffer, tarn::ipc_buffer_size);
-    sock = connect_to_server({conn, conn->callee, conn->caller_text}, std::move(sock), conn->slot,
-                             buf, received);
-    if (!sock || !tarn::ipc_adopt(conn, std::move(sock)))
-    {
-        return false;
-    }
-    discard(conn, buf.subspan(tarn::ipc_greeting_size, received - tarn::ipc_greeting_size));
-    tarn::ipc_report_connected(conn, conn->callee);
-    return true;
-}
-
-// ---- receiving ----------------------------------------------------------------------------------------
-
-void receive_failed(ipc_conn *conn, const ipc_line *line, int error)
-{
-    if (error != EAGAIN)
-    {
-        TARN_LOG_TRACE("[%p:%p:%p:%s:%s] recv return -1, errno = [%d]", ipc_p(conn->server),
-                       ipc_p(conn), ipc_p(line), conn->callee, conn->caller_text, error);
-    }
-    if (error == EINTR || error == EAGAIN)
-    {
-        return;
-    }
-    const bool gone = error == ECONNRESET || error == ENOTCONN;
-    tarn::ipc_drop_line(conn, gone ? tarn::ipc_disconnected : tarn::ipc_broken);
-}
-
-/** Take in what the peer sent. */
-void receive_once(ipc_conn *conn)
-{
-    ipc_line *const line = conn->line; // only this thread replaces it
-    const uint32_t next_ms = tarn::ipc_retry_parked(conn);
-    TARN_SOCKET sock = line->sock;
-    if (sock == TARN_INVALID_HANDLE)
-    {
-        return; // a callback destroyed the connection
-    }
-    const int n = tarn::socket_receive(sock, conn->buffer, tarn::ipc_buffer_size, next_ms);
-    const int error = errno;
-    if (n > 0)
-    {
-        tarn::ipc_feed(conn, {conn->buffer, static_cast<size_t>(n)});
-    }
-    else if (n == 0)
-    {
-        TARN_LOG_TRACE("[%p:%p:%p:%s:%s] recv return 0, errno = [%d], sock = [%p]",
-                       ipc_p(conn->server), ipc_p(conn), ipc_p(line), conn->callee,
-                       conn->caller_text, error, ipc_p(sock));
-        tarn::ipc_drop_line(conn, tarn::ipc_disconnected);
-        close_line(conn);
-    }
-    else if (n == -1)
-    {
-        receive_failed(conn, line, error);
-    }
-    else if (n != tarn::receive_timed_out || next_ms == TARN_INFINITE)
-    {
-        TARN_LOG_TRACE("[%p:%p:%p:%s:%s] unknown return code [%d]", ipc_p(conn->server),
-                       ipc_p(conn), ipc_p(line), conn->callee, conn->caller_text, n);
-        tarn::ipc_drop_line(conn, tarn::ipc_broken);
-    }
-}
-
-/** A connection without line.
- *  @return true when it has one now */
-bool stand_up(ipc_conn *conn)
-{
-    if (conn->server == nullptr)
-    {
-        report_disconnected(conn, false); // a sender has broken it since the last pass
-    }
-    if (is_closing(conn) || conn->server != nullptr || conn->auto_connect == 0)
-    {
-        (void)tarn_thread_sleep(tarn::ipc_limit.reconnect_ms); // until it is destroyed
-        return false;
-    }
-    if (!reconnect(conn))
-    {
-        report_disconnected(conn, true);
-        (void)tarn_thread_sleep(tarn::ipc_limit.reconnect_ms);
-        return false;
-    }
-    return true;
-}
-
-void conn_pass(ipc_conn *conn)
-{
-    if (conn->server != nullptr)
-    {
-        (void)tarn_event_wait(conn->admitted, TARN_INFINITE);
-    }
-    if (!is_connected(conn) && !stand_up(conn))
-    {
-        return;
-    }
-    receive_once(conn);
-    if (conn->server == nullptr && !is_connected(conn))
-    {
-        report_disconnected(conn, false);
-    }
-}
-
-void *ipc_conn_proc(void *arg, void *)
-{
-    auto *const conn = static_cast<ipc_conn *>(arg);
-    // Not before the starter has stored the thread, which a destroy inside a callback has to find.
-    if (tarn::ipc_load(conn->thread) == TARN_INVALID_HANDLE)
-    {
-        return nullptr;
-    }
-    const conn_ref_owner pin = tarn::ipc_pin(conn);
-    conn_pass(conn);
-    return nullptr;
-}
-
-// ---- ending -------------------------------------------------------------------------------------------
-
-void free_conn(ipc_conn *conn)
-{
-    tarn::ipc_receiver_reset(conn);
-    while (conn->parked != nullptr)
-    {
-        tarn::ipc_frame_free(std::exchange(conn->parked, conn->parked->next));
-    }
-    if (conn->line != nullptr)
-    {
-        tarn::ipc_line_unref(conn->line);
-    }
-    tarn_list_destroy(conn->request_list);
-    tarn_event_destroy(conn->admitted);
-    tarn_critical_section_destroy(conn->lock);
-    tarn_mem_free(conn->buffer);
-    if (conn->server != nullptr)
-    {
-        tarn::ipc_server_unref(conn->server);
-    }
-    tarn_mem_free(conn);
-}
-
-/** Wake every caller; under the lock. */
-void fail_pending(ipc_conn *conn)
-{
-    while (conn->request_list != TARN_INVALID_HANDLE && !tarn_list_is_empty(conn->request_list))
-    {
-        auto *const pending = static_cast<ipc_pending *>(tarn_list_pop_front(conn->request_list));
-        pending->linked = false;
-        (void)tarn_event_set(pending->event);
-    }
 }
 
 int destroy_conn(ipc_conn *conn)
@@ -414,8 +55,6 @@ int destroy_conn(ipc_conn *conn)
     return 1;
 }
 
-// ---- making -------------------------------------------------------------------------------------------
-
 /** @param wait  until it runs */
 bool start_client_thread(ipc_conn *conn, bool wait)
 {
@@ -433,8 +72,16 @@ bool start_client_thread(ipc_conn *conn, bool wait)
         tarn_thread_stop(thread);
         return false;
     }
-    tarn::ipc_store(conn->thread, thread);
-    return true;
+    {
+        const tarn::critical_section_guard guard(conn->lock);
+        if (conn->closing == 0)
+        {
+            tarn::ipc_store(conn->thread, thread);
+            return true;
+        }
+    }
+    tarn_thread_stop(thread); // destroyed by another thread since on_connected
+    return false;
 }
 
 /** A client's connection, without line. */
@@ -476,229 +123,6 @@ ipc_server *ipc_server_of(TARN_IPC handle)
                : nullptr;
 }
 
-void ipc_copy_shown(char *out, size_t size, const char *text, size_t length)
-{
-    const size_t n = std::min(length, size - 1);
-    for (size_t i = 0; i < n; ++i)
-    {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        out[i] = byte < 0x20 || byte == 0x7F ? '?' : text[i];
-    }
-    out[n] = '\0';
-}
-
-void ipc_copy_name(char (&out)[ipc_name_size], const char *name)
-{
-    const size_t length = strnlen(name, ipc_name_size - 1);
-    std::memcpy(out, name, length);
-    out[length] = '\0';
-}
-
-socket_owner ipc_create_socket(const char *name)
-{
-    socket_owner sock(conn_local_stream_socket());
-    if (!sock)
-    {
-        TARN_LOG_TRACE("[%s] create socket failed, error = [%d].", name, errno);
-        return sock;
-    }
-    if (tarn_socket_bind_local(sock.get(), name) != 0)
-    {
-        const int error = errno;
-        TARN_LOG_TRACE("[%s] fail to bind, error = [%d].", name, error);
-        sock.reset();
-        errno = error;
-    }
-    return sock;
-}
-
-// ---- references ---------------------------------------------------------------------------------------
-
-void ipc_conn_ref(ipc_conn *conn)
-{
-    (void)__atomic_add_fetch(&conn->refs, 1, __ATOMIC_RELAXED);
-}
-
-void ipc_conn_unref(ipc_conn *conn)
-{
-    if (__atomic_sub_fetch(&conn->refs, 1, __ATOMIC_ACQ_REL) == 0)
-    {
-        free_conn(conn);
-    }
-}
-
-void ipc_line_ref(ipc_line *line)
-{
-    (void)__atomic_add_fetch(&line->refs, 1, __ATOMIC_RELAXED);
-}
-
-void ipc_line_unref(ipc_line *line)
-{
-    if (__atomic_sub_fetch(&line->refs, 1, __ATOMIC_ACQ_REL) == 0)
-    {
-        tarn_socket_destroy(line->sock);
-        tarn_critical_section_destroy(line->send_lock);
-        tarn_mem_free(line);
-    }
-}
-
-line_owner ipc_hold_line(ipc_conn *conn)
-{
-    const critical_section_guard guard(conn->lock);
-    if (conn->status != ipc_connected || conn->line == nullptr || conn->greeted == 0)
-    {
-        return {};
-    }
-    ipc_line_ref(conn->line);
-    return line_owner(conn->line);
-}
-
-// ---- connections --------------------------------------------------------------------------------------
-
-conn_ref_owner ipc_conn_create(const char *callee, const char *caller, ipc_server *svr)
-{
-    conn_ref_owner conn(make_object<ipc_conn>(TARN_HANDLE_TYPE_IPC).release());
-    RVON(conn, conn_ref_owner());
-    ipc_conn *const c = conn.get();
-    c->refs = 1;
-    ipc_copy_name(c->callee, callee);
-    ipc_copy_name(c->caller, caller);
-    ipc_copy_shown(c->caller_text, sizeof c->caller_text, c->caller, std::strlen(c->caller));
-    c->lock = tarn_critical_section_create();
-    RVON(c->lock, conn_ref_owner());
-    c->request_list = tarn_list_create(ipc_max_requests);
-    RVON(c->request_list, conn_ref_owner());
-    c->admitted = tarn_event_create(true, false);
-    RVON(c->admitted, conn_ref_owner());
-    c->buffer = static_cast<uint8_t *>(tarn_mem_realloc(nullptr, ipc_buffer_size));
-    RVON(c->buffer, conn_ref_owner());
-    if (svr != nullptr)
-    {
-        ipc_server_ref(svr);
-        c->server = svr;
-    }
-    return conn;
-}
-
-bool ipc_adopt(ipc_conn *conn, socket_owner sock)
-{
-    line_owner line = make_line(std::move(sock));
-    if (!line)
-    {
-        return false;
-    }
-    ipc_receiver_reset(conn);
-    ipc_line *old = nullptr;
-    {
-        const critical_section_guard guard(conn->lock);
-        if (conn->closing != 0)
-        {
-            return false;
-        }
-        old = std::exchange(conn->line, line.release());
-        ipc_store(conn->status, ipc_connected);
-    }
-    if (old != nullptr)
-    {
-        ipc_line_unref(old);
-    }
-    return true;
-}
-
-void ipc_drop_line(ipc_conn *conn, uint32_t status, const ipc_line *line)
-{
-    const critical_section_guard guard(conn->lock);
-    if (line != nullptr && line != conn->line)
-    {
-        return; // an older one: it is down already
-    }
-    ipc_store(conn->status, status);
-    if (conn->line != nullptr)
-    {
-        ipc_store(conn->line->dead, 1);
-        if (conn->line->sock != TARN_INVALID_HANDLE)
-        {
-            (void)socket_shut_down(conn->line->sock);
-        }
-    }
-    fail_pending(conn);
-}
-
-void ipc_report_connected(ipc_conn *conn, const char *name)
-{
-    {
-        const critical_section_guard guard(conn->lock);
-        if (conn->closing != 0)
-        {
-            return;
-        }
-        conn->reported = 1;
-        count_callback(conn->callbacks);
-    }
-    const callback_scope counted(conn->callbacks);
-    const receiving_scope scope(conn);
-    conn->cb.on_connected(handle_of(conn), name, conn->cb.object, handle_of(conn));
-}
-
-TARN_THREAD ipc_start_thread(ipc_conn *conn)
-{
-    return tarn_thread_start(ipc_conn_proc, conn, nullptr, 0, "ipc_conn_proc");
-}
-
-void ipc_conn_destroy(ipc_conn *conn)
-{
-    {
-        const critical_section_guard guard(conn->lock);
-        if (conn->closing != 0)
-        {
-            return;
-        }
-        ipc_store(conn->closing, 1);
-    }
-    const conn_ref_owner handle(conn);
-    socket_abort(conn->slot);
-    ipc_drop_line(conn, ipc_disconnected);
-    (void)tarn_event_set(conn->admitted);
-    if (TARN_THREAD thread = __atomic_exchange_n(&conn->thread, nullptr, __ATOMIC_ACQ_REL))
-    {
-        tarn_thread_stop(thread);
-    }
-    report_disconnected(conn, false);
-    close_line(conn);
-    TARN_LIST released = nullptr;
-    {
-        const critical_section_guard guard(conn->lock);
-        fail_pending(conn);
-        released = std::exchange(conn->request_list, nullptr);
-    }
-    tarn_list_destroy(released);
-}
-
-bool ipc_begin_call(ipc_conn *conn)
-{
-    const critical_section_guard guard(conn->lock);
-    if (conn->closing != 0)
-    {
-        return false;
-    }
-    count_callback(conn->callbacks);
-    if (conn->server != nullptr)
-    {
-        count_callback(conn->server->callbacks);
-    }
-    return true;
-}
-
-void ipc_touch(ipc_conn *conn)
-{
-    __atomic_store_n(&conn->last_activity_tick, tarn_tick_ms(), __ATOMIC_RELAXED);
-}
-
-bool ipc_is_receiving(const ipc_conn *conn)
-{
-    return receiving_scope::contains(conn);
-}
-
 } // namespace tarn
 
 // The check texts show the arguments as they stand here.
@@ -725,8 +149,8 @@ TARN_IPC tarn_ipc_open(const char *callee_name, const char *caller_name,
     tarn::connect_slot slot{};
     uint8_t greeting[tarn::ipc_greeting_size]; // no room for more: frames may follow
     size_t received = 0;
-    sock = connect_to_server({nullptr, callee_name, caller_name}, std::move(sock), slot, greeting,
-                             received);
+    sock = tarn::ipc_connect_to_server({nullptr, callee_name, caller_name}, std::move(sock), slot,
+                                       greeting, received);
     if (!sock)
     {
         return TARN_INVALID_HANDLE;

@@ -283,7 +283,7 @@ size_t in_begin_tag(ipc_conn *conn, uint8_t byte)
     if (byte != static_cast<uint8_t>(TARN_IPC_COMM_BEGIN_TAG[rx.index]))
     {
         // The byte is not looked at again, even when it begins a tag: peers rely on it being lost.
-        TARN_LOG_DEBUG("[%p:%s:%s] incorrect header tag", ipc_p(conn), conn->callee,
+        TARN_LOG_TRACE("[%p:%s:%s] incorrect header tag", ipc_p(conn), conn->callee,
                        conn->caller_text);
         enter(rx, hunt);
     }
@@ -335,7 +335,7 @@ size_t in_end_tag(ipc_conn *conn, uint8_t byte)
     ipc_receiver &rx = conn->receiver;
     if (byte != static_cast<uint8_t>(TARN_IPC_COMM_END_TAG[rx.index]))
     {
-        TARN_LOG_DEBUG("[%p] recv_tail get incorrect header tag!", ipc_p(conn));
+        TARN_LOG_TRACE("[%p] recv_tail get incorrect header tag!", ipc_p(conn));
         enter(rx, hunt);
     }
     else if (++rx.index == tag_size)

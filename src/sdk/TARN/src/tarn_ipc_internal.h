@@ -347,12 +347,30 @@ void ipc_touch(ipc_conn *conn);
  *  for could not be received. */
 bool ipc_is_receiving(const ipc_conn *conn);
 
+/* ---- connecting: tarn_ipc_connect.cpp ------------------------------------------------------------- */
+
 /** A local socket with a name, or empty (logged). */
 socket_owner ipc_create_socket(const char *name);
 
 /** Copy a name, cut to 109 bytes; the second for log lines, its control bytes replaced. */
 void ipc_copy_name(char (&out)[ipc_name_size], const char *name);
 void ipc_copy_shown(char *out, size_t size, const char *text, size_t length);
+
+/** Names of a connection that is being made, for the log. */
+struct ipc_attempt
+{
+    const void *who;
+    const char *callee;
+    const char *caller;
+};
+
+/** Connect a named socket to a server and take its greeting.
+ *  @param slot      shows the socket meanwhile
+ *  @param buf       room for the greeting and what may come with it
+ *  @param received  out
+ *  @return empty when that failed (logged) or was aborted */
+socket_owner ipc_connect_to_server(const ipc_attempt &names, socket_owner sock, connect_slot &slot,
+                                   std::span<uint8_t> buf, size_t &received);
 
 /* ---- servers: tarn_ipc_server.cpp ----------------------------------------------------------------- */
 

@@ -1,8 +1,8 @@
 // Local IPC: the threads that run handlers, shared by all connections of the process.
 //
-// Frames pass through a queue. A frame is let in only while there are fewer frames waiting or being
-// handled than threads, so each has a thread to itself and no handler waits for another one. A
-// thread that is done looks for the next frame before it goes back to the pool; and of the threads
+// Frames pass through a short queue. A frame is let in only while there are fewer frames waiting or
+// being handled than threads, so each has a thread to itself and no handler waits for another one;
+// while the queue is full but a thread is free, the receiving thread waits for its turn. A thread that is done looks for the next frame before it goes back to the pool; and of the threads
 // that are being woken there is one at a time, which wakes the next when it finds more than one
 // frame. So a burst of short handlers costs a wake-up or two instead of one per frame.
 
@@ -11,6 +11,7 @@
 #include "tarn_os.h"
 #include "tarn_thread_pool.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -24,18 +25,46 @@ using tarn::ipc_frame;
 struct handler_pool
 {
     std::mutex lock;
-    std::condition_variable idle; ///< no worker is left
+    std::condition_variable idle;  ///< no worker is left
+    std::condition_variable taken; ///< the queue got shorter, or no more is let in
     TARN_THREAD_POOL threads = nullptr;
     ipc_frame *first = nullptr;
     ipc_frame *last = nullptr;
     uint32_t queued = 0;
     uint32_t busy = 0;     ///< workers that run a handler
     uint32_t workers = 0;  ///< launched and not yet gone
+    uint32_t waiting = 0;  ///< receiving threads before a full queue
     bool starting = false; ///< one of them has not looked into the queue yet
 };
 handler_pool pool;
 
 void *worker_proc(void *, void *);
+
+constexpr uint32_t queue_size = 64;
+/** A frame before a full queue counts as refused after that long: the threads that are free cannot
+ *  be had. */
+constexpr std::chrono::milliseconds queue_limit{100};
+
+/** All threads run handlers, or there are none. */
+bool is_full()
+{
+    return pool.threads == nullptr || pool.busy >= tarn::ipc_pool_size;
+}
+
+/** Wait for a place in the queue. */
+bool enter_queue(std::unique_lock<std::mutex> &lock)
+{
+    const auto has_place = [] {
+        return pool.queued < queue_size && pool.queued + pool.busy < tarn::ipc_pool_size;
+    };
+    if (!is_full() && !has_place())
+    {
+        ++pool.waiting;
+        (void)pool.taken.wait_for(lock, queue_limit, [&] { return is_full() || has_place(); });
+        --pool.waiting;
+    }
+    return !is_full() && has_place();
+}
 
 void push(ipc_frame *frame)
 {
@@ -155,6 +184,10 @@ public:
                 busy_ = true;
                 ++pool.busy;
                 helper = want_worker();
+                if (pool.waiting != 0)
+                {
+                    pool.taken.notify_all();
+                }
             }
         }
         (void)launch(helper);
@@ -200,8 +233,8 @@ bool ipc_submit(ipc_conn *conn, frame_owner &frame)
     conn_ref_owner ref(conn);
     TARN_THREAD_POOL threads = nullptr;
     {
-        const std::lock_guard lock(pool.lock);
-        if (pool.threads == nullptr || pool.queued + pool.busy >= ipc_pool_size)
+        std::unique_lock lock(pool.lock);
+        if (!enter_queue(lock))
         {
             return false;
         }
@@ -242,6 +275,7 @@ void tarn_ipc_uninit(void)
     {
         std::unique_lock lock(pool.lock);
         threads = std::exchange(pool.threads, nullptr);
+        pool.taken.notify_all();
         pool.idle.wait(lock, [] { return pool.workers == 0; });
         left = std::exchange(pool.first, nullptr);
         pool.queued = 0;
