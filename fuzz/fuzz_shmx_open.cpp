@@ -1,6 +1,6 @@
 // Shared heap: a segment with arbitrary bytes, opened and used by a visitor. The first bytes of the
-// input choose what is kept sane, so that the later checks are reached as well; the rest is laid over
-// the segment again and again.
+// input choose what is kept sane, so that the later checks are reached as well; the rest is laid
+// over the segment again and again.
 
 #include "input.h"
 

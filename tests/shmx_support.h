@@ -45,7 +45,7 @@ inline int churn_rounds()
 /** Blocks that the creator has recorded under a user id. */
 inline uint32_t used_blocks(TARN_SHMX heap, uint32_t user_id)
 {
-    const tarn::shmx_word_guard guard(&heap->lock);
+    const tarn::shmx_gate gate(&heap->gate);
     return heap->heap.user_blocks[user_id];
 }
 
@@ -54,8 +54,8 @@ inline uint32_t used_blocks(TARN_SHMX heap, uint32_t user_id)
 inline std::string check_heap(TARN_SHMX shmx)
 {
     const tarn::shmx_word_guard header(tarn::shmx_slot_word(&shmx->view.header->lock));
-    const tarn::shmx_word_guard guard(&shmx->lock);
-    if (!header || !guard)
+    const tarn::shmx_gate gate(&shmx->gate);
+    if (!header)
     {
         return "a lock is stuck";
     }
@@ -186,7 +186,7 @@ inline support::child_process start_visitor(const std::string &name, const std::
     return support::child_process::role("shmx_visitor", {name, task});
 }
 
-// ---- the visitor's tasks -------------------------------------------------------------------------
+// ---- the visitor's tasks ------------------------------------------------------------------------
 
 inline int churn_in_threads(TARN_SHMX heap)
 {
@@ -204,7 +204,8 @@ inline int churn_in_threads(TARN_SHMX heap)
     return wrong == 0 ? 0 : 1;
 }
 
-/** A ring of block offsets in the meta zone: word 0 counts puts, word 1 takes, 100 places follow. */
+/** A ring of block offsets in the meta zone: word 0 counts puts, word 1 takes, 100 places follow.
+ *  */
 inline int pass_blocks(TARN_SHMX heap, bool gives)
 {
     auto *words = static_cast<uint32_t *>(tarn_shmx_meta_zone(heap));

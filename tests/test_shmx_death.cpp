@@ -1,5 +1,5 @@
-// Death in the shared heap: creators, visitors and lock holders killed at any instruction. TARN_SOAK=1
-// runs a thousand rounds.
+// Death in the shared heap: creators, visitors and lock holders killed at any instruction.
+// TARN_SOAK=1 runs a thousand rounds.
 
 #include "shmx_support.h"
 
@@ -153,8 +153,8 @@ void expect_working(TARN_SHMX heap, const std::string &when)
     EXPECT_GT(tarn_shmx_info_print(heap, line, sizeof line), 0) << when;
 }
 
-/** Slots that nobody alive is using; one whose claimer died before it wrote its user id takes a minute
- *  to come back. */
+/** Slots that nobody alive is using; one whose claimer died before it wrote its user id takes a
+ *  minute to come back. */
 bool slots_are_free(TARN_SHMX heap)
 {
     for (const tarn::shmx_request_slot &slot : heap->view.header->slots)

@@ -1,9 +1,10 @@
 // Shared heap: the segment's life, users, and the way of each block to and from the application.
 //
-// Roles: the creator's threads and its request thread "shmx_blk_alloc_proc" take blocks from the record
-// in tarn_shmx_heap.cpp; visitors ask through tarn_shmx_request.cpp. A handle's own lock guards the
-// record or the reserve, the header lock in the segment stands before it for those who follow the shared
-// format. The handle's own lock is what keeps the record whole when the shared one is overwritten.
+// Roles: the creator's threads and its request thread "shmx_blk_alloc_proc" take blocks from the
+// record in tarn_shmx_heap.cpp; visitors ask through tarn_shmx_request.cpp. A handle's own lock
+// guards the record or the reserve, the header lock in the segment stands before it for those who
+// follow the shared format. The handle's own lock is what keeps the record whole when the shared
+// one is overwritten.
 
 #include "tarn_shmx.h"
 
@@ -40,13 +41,14 @@ object_owner make_shmx_object()
     object_owner owner(tarn::make_object<tarn_shmx>(TARN_HANDLE_TYPE_SHMX).release());
     if (owner)
     {
+        (void)tarn::shmx_thread_id(); // from its first call on forks are counted
         owner.get()->fork_generation = tarn::shmx_fork_generation();
         owner.get()->process_id = tarn::shmx_process_id();
     }
     return owner;
 }
 
-// ---- creation ------------------------------------------------------------------------------------
+// ---- creation -----------------------------------------------------------------------------------
 
 void *shmx_blk_req_proc(void *shmx, void *)
 {
@@ -112,7 +114,7 @@ bool start_serving(TARN_SHMX shmx, const char *name)
     return true;
 }
 
-// ---- opening -------------------------------------------------------------------------------------
+// ---- opening ------------------------------------------------------------------------------------
 
 bool has_fourcc(const tarn::shmx_segment_header *header)
 {
@@ -169,11 +171,11 @@ bool attach(TARN_SHMX shmx, const char *name)
     return has_fourcc(shmx->view.header);
 }
 
-// ---- user ids ------------------------------------------------------------------------------------
+// ---- user ids -----------------------------------------------------------------------------------
 
 /** Take the lock of a user entry for this process, from nobody or from a process that is gone. The
- *  word holds the process id, which is the thread id of its first thread: it stays valid however long
- *  the opening thread lives. */
+ *  word holds the process id, which is the thread id of its first thread: it stays valid however
+ *  long the opening thread lives. */
 bool take_user(tarn::shmx_user_entry &entry, uint32_t process_id)
 {
     uint32_t *word = tarn::shmx_slot_word(&entry.lock);
@@ -221,7 +223,7 @@ bool take_user_id(TARN_SHMX shmx)
     return false;
 }
 
-// ---- blocks --------------------------------------------------------------------------------------
+// ---- blocks -------------------------------------------------------------------------------------
 
 /** What log lines show of a block. */
 struct shown_block
@@ -312,12 +314,7 @@ bool with_heap(TARN_SHMX shmx, Operation operation)
     {
         return false;
     }
-    // Only ever contended when somebody has written into the header lock.
-    const tarn::shmx_word_guard own(&shmx->lock);
-    if (!own)
-    {
-        return false;
-    }
+    const tarn::shmx_gate gate(&shmx->gate);
     operation();
     return true;
 }
@@ -511,7 +508,7 @@ void free_address(TARN_SHMX shmx, const void *ptr)
     (void)tarn::shmx_blk_free(shmx, block);
 }
 
-// ---- statistics ----------------------------------------------------------------------------------
+// ---- statistics ---------------------------------------------------------------------------------
 
 struct statistics
 {
@@ -616,7 +613,7 @@ int write_statistics(const tarn::shmx_view &view, const statistics &found, char 
 
 } // namespace
 
-// ---- for the other files of the heap -------------------------------------------------------------
+// ---- for the other files of the heap ------------------------------------------------------------
 
 namespace tarn
 {
@@ -729,7 +726,7 @@ bool shmx_blk_free(TARN_SHMX shmx, block_offset block)
 
 } // namespace tarn
 
-// ---- the interface -------------------------------------------------------------------------------
+// ---- the interface ------------------------------------------------------------------------------
 
 TARN_SHMX tarn_shmx_create(const char *name, uint32_t size, uint32_t meta_zone_size,
                            uint32_t max_user_count)

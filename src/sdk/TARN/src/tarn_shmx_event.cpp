@@ -2,12 +2,13 @@
 //
 // Any process may be killed at any instruction. A lock of a dead process is taken over, and what it
 // guards is one byte at a time, so never half done. Nothing counts on a waiter to come back: it
-// compares the counter that it saw under the lock, and looks at the flag again each second, because a
-// setter may die between the flag and the wake-up, and a woken waiter before it takes the flag.
+// compares the counter that it saw under the lock, and looks at the flag again each second, because
+// a setter may die between the flag and the wake-up, and a woken waiter before it takes the flag.
 //
-// A destroyed event's block may be given to somebody else, so nobody may touch it then: destroying wakes
-// the waiters and stays until all who are inside have counted themselves out. One that was killed never counts itself out;
-// the wait for it ends after the time in which every living one must have looked.
+// A destroyed event's block may be given to somebody else, so nobody may touch it then: destroying
+// wakes the waiters and stays until all who are inside have counted themselves out. One that was
+// killed never counts itself out; the wait for it ends after the time in which every living one
+// must have looked.
 
 #include "tarn_os.h"
 #include "tarn_shmx_internal.h"

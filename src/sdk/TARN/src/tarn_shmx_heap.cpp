@@ -1,9 +1,9 @@
 // The creator's record of the shared heap, and the zones of a segment.
 //
 // Blocks are only ever carved from the never-used part, in rising order, and then move between the
-// free lists and their users. The record keeps one entry per block in that order. A bit per possible
-// start and a count per word of bits lead from an offset to its entry in constant time, so that any
-// number can be asked for without trust.
+// free lists and their users. The record keeps one entry per block in that order. A bit per
+// possible start and a count per word of bits lead from an offset to its entry in constant time, so
+// that any number can be asked for without trust.
 //
 // The links in the segment are a copy that other processes may read. When it is found changed it is
 // put right from the record.
@@ -205,7 +205,7 @@ size_t shmx_list_of(uint32_t alloc_size)
     return unit < list_table.size() ? list_table[unit] : shmx_large_list;
 }
 
-// ---- a mapped segment ----------------------------------------------------------------------------
+// ---- a mapped segment ---------------------------------------------------------------------------
 
 void shmx_set_view(shmx_view *view, void *area, uint32_t size, uint32_t meta_size,
                    uint32_t max_user_count)
@@ -257,7 +257,7 @@ uint32_t shmx_checked_alloc_size(const shmx_view &view, block_offset offset)
     return is_possible ? alloc_size : 0;
 }
 
-// ---- the record ----------------------------------------------------------------------------------
+// ---- the record ---------------------------------------------------------------------------------
 
 bool shmx_heap_open(shmx_heap *heap, const shmx_view &view)
 {

@@ -1,9 +1,10 @@
 // Private: layout and insides of the shared heap; for the tarn_shmx*.cpp files and the tests.
 //
-// Every process that has the segment open can write anywhere into it at any time. So nothing that is
-// read from it is used before it was checked, and each word is read once. What must not go wrong is
-// kept outside of it: the creator alone carves and links blocks, and has its own record of them; the
-// segment shows a copy for the others. A visitor has its own record of the blocks that it keeps.
+// Every process that has the segment open can write anywhere into it at any time. So nothing that
+// is read from it is used before it was checked, and each word is read once. What must not go wrong
+// is kept outside of it: the creator alone carves and links blocks, and has its own record of them;
+// the segment shows a copy for the others. A visitor has its own record of the blocks that it
+// keeps.
 //
 // Lock order: header lock, then a handle's own lock. No log line, wait or request under either.
 #ifndef TARN_SHMX_INTERNAL_H
@@ -24,7 +25,7 @@
 namespace tarn
 {
 
-// ---- the shared layout ---------------------------------------------------------------------------
+// ---- the shared layout --------------------------------------------------------------------------
 
 inline constexpr uint32_t shmx_fourcc = 0x10395211;
 inline constexpr size_t shmx_class_count = 16;
@@ -143,7 +144,7 @@ static_assert(sizeof(shmx_event_record) == 104 && offsetof(shmx_event_record, fo
               offsetof(shmx_event_record, manual_reset) == 96 &&
               offsetof(shmx_event_record, signalled) == 97);
 
-// ---- words of the segment ------------------------------------------------------------------------
+// ---- words of the segment -----------------------------------------------------------------------
 
 /** One word of shared memory. Relaxed unless the caller says otherwise: what orders the memory is a
  *  lock or a slot state. */
@@ -159,7 +160,7 @@ inline void shmx_store(T &word, std::type_identity_t<T> value,
     std::atomic_ref(word).store(value, order);
 }
 
-// ---- locks ---------------------------------------------------------------------------------------
+// ---- locks --------------------------------------------------------------------------------------
 
 /** Result of taking a lock: 0 or an error number. */
 int shmx_lock(uint32_t *word, uint32_t limit_ms = lock_without_limit);
@@ -207,7 +208,30 @@ private:
     int error_;
 };
 
-// ---- a mapped segment ----------------------------------------------------------------------------
+/** The creator's record behind the header lock: only ever contended when somebody has written into
+ *  that, so a plain word and a polite wait are enough, and cost half of another lock. */
+class [[nodiscard]] shmx_gate
+{
+public:
+    explicit shmx_gate(uint32_t *word) : word_(*word)
+    {
+        while (word_.exchange(1, std::memory_order_acquire) != 0)
+        {
+            shmx_yield();
+        }
+    }
+    shmx_gate(const shmx_gate &) = delete;
+    shmx_gate &operator=(const shmx_gate &) = delete;
+    ~shmx_gate()
+    {
+        word_.store(0, std::memory_order_release);
+    }
+
+private:
+    std::atomic_ref<uint32_t> word_;
+};
+
+// ---- a mapped segment ---------------------------------------------------------------------------
 
 /** Offset of a block's header in the data zone; what links, slots and event names hold. */
 enum class block_offset : uint32_t
@@ -281,7 +305,7 @@ struct shmx_fit
 shmx_fit shmx_fit_of(uint32_t size);
 size_t shmx_list_of(uint32_t alloc_size);
 
-// ---- the creator's record of the heap ------------------------------------------------------------
+// ---- the creator's record of the heap -----------------------------------------------------------
 
 /** A block that has been carved. Blocks are never split, merged or given back, so their order is
  *  that of their offsets. */
@@ -342,7 +366,7 @@ inline constexpr uint32_t heap_any_owner = shmx_freed;
 heap_free_result shmx_heap_free(shmx_heap *heap, const shmx_view &view, block_offset offset,
                                 uint32_t owner, heap_report *report);
 
-// ---- a visitor's reserve -------------------------------------------------------------------------
+// ---- a visitor's reserve ------------------------------------------------------------------------
 
 /** A block that the application freed and that waits here to be used again. */
 struct reserve_node
@@ -355,8 +379,8 @@ struct reserve_node
     uint32_t priority;
 };
 
-/** Blocks by size: a queue per class, a tree for all other sizes; and by offset. Numbers count from 1,
- *  0 is none. The caller holds the handle's lock. */
+/** Blocks by size: a queue per class, a tree for all other sizes; and by offset. Numbers count from
+ *  1, 0 is none. The caller holds the handle's lock. */
 struct shmx_reserve
 {
     reserve_node *nodes; ///< nodes[0] is not used
@@ -384,7 +408,7 @@ uint32_t shmx_reserve_take(shmx_reserve *reserve, uint32_t alloc_size, uint32_t 
 bool shmx_reserve_has(const shmx_reserve *reserve, uint32_t offset);
 void shmx_reserve_close(shmx_reserve *reserve);
 
-// ---- requests ------------------------------------------------------------------------------------
+// ---- requests -----------------------------------------------------------------------------------
 
 /** What the creator remembers of a slot. */
 struct slot_watch
@@ -407,7 +431,7 @@ bool shmx_request_free(TARN_SHMX shmx, block_offset block, uint32_t owner);
 /** One pass of the creator's request thread. */
 void shmx_serve_requests(TARN_SHMX shmx);
 
-// ---- the two ways to a block ---------------------------------------------------------------------
+// ---- the two ways to a block --------------------------------------------------------------------
 
 /** Take a block from the heap under its locks, with log lines; creator only. */
 block_offset shmx_blk_alloc_by_creator(TARN_SHMX shmx, uint32_t size, uint32_t user_id);
@@ -435,7 +459,8 @@ struct tarn_shmx
     TARN_THREAD thread; ///< creator
     uint32_t fork_generation;
     uint32_t process_id;
-    uint32_t lock; ///< guards heap or reserve, cursors; a lock word of this process
+    uint32_t gate; ///< creator: guards heap
+    uint32_t lock; ///< visitor: guards reserve; a lock word of this process
     // creator
     tarn::shmx_heap heap;
     tarn::slot_watch watches[tarn::shmx_slot_count]; ///< request thread only

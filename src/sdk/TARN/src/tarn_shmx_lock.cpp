@@ -1,9 +1,9 @@
 // Locks of the shared heap: priority-inheriting futexes in shared words.
 //
-// An uncontended lock and unlock are one compare-and-swap each: the protocol lets a thread put its id
-// into a word of 0, and 0 into a word that holds nothing but its id. Everything else is the kernel's,
-// so processes that always call it and those that do not can share a lock. The kernel may leave bits
-// of its own beside the owner's id; ids are compared without them.
+// An uncontended lock and unlock are one compare-and-swap each: the protocol lets a thread put its
+// id into a word of 0, and 0 into a word that holds nothing but its id. Everything else is the
+// kernel's, so processes that always call it and those that do not can share a lock. The kernel may
+// leave bits of its own beside the owner's id; ids are compared without them.
 //
 // A word with the id of a thread that does not exist belongs to a dead process. Whoever finds it
 // replaces exactly that word; of two that try only one does, and nobody wipes the other's lock.
@@ -33,7 +33,8 @@ void order_as_kernel(uint32_t *word, std::memory_order order)
 #endif
 }
 
-/** Empty a lock word that was seen with a dead owner. A failed try may have added the waiters bit. */
+/** Empty a lock word that was seen with a dead owner. A failed try may have added the waiters bit.
+ *  */
 void clear_dead_owner(uint32_t *word, uint32_t seen)
 {
     const uint32_t dead = seen & lock_owner_mask;
@@ -54,7 +55,8 @@ bool take_free_word(uint32_t *word)
         expected, shmx_thread_id(), std::memory_order_acquire, std::memory_order_relaxed);
 }
 
-/** The kernel's way, with one more try after a dead owner, and a few when the kernel asks for it. */
+/** The kernel's way, with one more try after a dead owner, and a few when the kernel asks for it.
+ *  */
 int take_from_kernel(uint32_t *word, uint32_t limit_ms)
 {
     bool took_over = false;

@@ -11,8 +11,8 @@
 namespace tarn
 {
 
-/** Kernel's id of the calling thread, as lock words hold it. No system call but for the first call of
- *  a thread, and the first one after a fork. */
+/** Kernel's id of the calling thread, as lock words hold it. No system call but for the first call
+ *  of a thread, and the first one after a fork. */
 uint32_t shmx_thread_id();
 
 /** Id of the process: that of its first thread. A system call. */
@@ -29,8 +29,8 @@ inline constexpr uint32_t lock_without_limit = 0xFFFFFFFF;
 
 /** Take a priority-inheriting lock whose word is not 0; waits while its owner lives.
  *  @param limit_ms  0 tries once
- *  @return 0 when taken; ESRCH: the owner in the word does not exist; EAGAIN: try again, or busy when
- *          tried once; ETIMEDOUT; another error number */
+ *  @return 0 when taken; ESRCH: the owner in the word does not exist; EAGAIN: try again, or busy
+ *          when tried once; ETIMEDOUT; another error number */
 int shmx_futex_lock(uint32_t *word, uint32_t limit_ms);
 
 /** Release a priority-inheriting lock of the calling thread that others may wait for.

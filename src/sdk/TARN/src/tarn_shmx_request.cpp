@@ -1,17 +1,17 @@
 // Requests of visitors to the creator, through the slots in the segment.
 //
-// A slot goes round its states by compare-and-swap of one byte: 0 free, 1 claimed, 2 posted (visitor),
-// 3 taken, 4 served (creator), 5 collecting, 0 (visitor). The semaphore only wakes the creator; each
-// idle pass looks at the states as well, because a visitor may die between the two.
+// A slot goes round its states by compare-and-swap of one byte: 0 free, 1 claimed, 2 posted
+// (visitor), 3 taken, 4 served (creator), 5 collecting, 0 (visitor). The semaphore only wakes the
+// creator; each idle pass looks at the states as well, because a visitor may die between the two.
 //
 // What makes it safe when somebody is late or dies:
-// - The creator takes a served slot back after 5 s, by 4 -> 3; the visitor collects by 4 -> 5. Only one
-//   of them wins, and the creator frees the block of an answer that was never collected.
-// - A visitor that comes late may find the answer of another one in what was its slot. It compares user
-//   id and size, and a ticket that the calls of one process leave in private memory, after it has won
-//   the slot, and puts back what is not its own.
-// - Slots that a dead visitor left in 1 or 5 are emptied when its process is gone, or after a minute,
-//   which is longer than any visitor waits.
+// - The creator takes a served slot back after 5 s, by 4 -> 3; the visitor collects by 4 -> 5. Only
+//   one of them wins, and the creator frees the block of an answer that was never collected.
+// - A visitor that comes late may find the answer of another one in what was its slot. It compares
+//   user id and size, and a ticket that the calls of one process leave in private memory, after it
+//   has won the slot, and puts back what is not its own.
+// - Slots that a dead visitor left in 1 or 5 are emptied when its process is gone, or after a
+//   minute, which is longer than any visitor waits.
 // - The creator believes its own record about who has which block, and nothing in a slot.
 
 #include "tarn_os.h"
@@ -57,7 +57,7 @@ void zero_slot(shmx_request_slot &slot)
     shmx_store(slot.tick, 0);
 }
 
-// ---- visitor -------------------------------------------------------------------------------------
+// ---- visitor ------------------------------------------------------------------------------------
 
 struct request
 {
@@ -192,7 +192,7 @@ collect_result await_busily(TARN_SHMX shmx, const request &wanted, const pending
     }
 }
 
-// ---- creator -------------------------------------------------------------------------------------
+// ---- creator ------------------------------------------------------------------------------------
 
 /** Empty a slot that the creator has in state 3. */
 void abort_slot(shmx_request_slot &slot)
@@ -282,8 +282,8 @@ bool user_is_gone(TARN_SHMX shmx, uint32_t user_id)
     return owner != 0 && process_is_gone(static_cast<int>(owner));
 }
 
-/** A slot that a visitor has, or a state that is none: emptied when the visitor is gone or has had it
- *  for too long. */
+/** A slot that a visitor has, or a state that is none: emptied when the visitor is gone or has had
+ *  it for too long. */
 void watch_visitor(TARN_SHMX shmx, shmx_request_slot &slot, slot_watch &watch, uint8_t state,
                    uint32_t now)
 {

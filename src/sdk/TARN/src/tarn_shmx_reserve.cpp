@@ -1,9 +1,9 @@
 // A visitor's reserve: blocks that its application freed, kept to be used again.
 //
-// Blocks of the size classes, nearly all, stand in a queue per class with a bit that says whether it
-// holds any; other sizes stand in a tree whose shape is kept by random priorities. Either way the
-// smallest fitting block is found without looking at the others. A table by offset tells a block that
-// is freed twice.
+// Blocks of the size classes, nearly all, stand in a queue per class with a bit that says whether
+// it holds any; other sizes stand in a tree whose shape is kept by random priorities. Either way
+// the smallest fitting block is found without looking at the others. A table by offset tells a
+// block that is freed twice.
 
 #include "tarn_mem.h"
 #include "tarn_shmx_internal.h"
@@ -18,7 +18,7 @@ namespace
 
 constexpr uint32_t first_capacity = 64;
 
-// ---- by offset -----------------------------------------------------------------------------------
+// ---- by offset ----------------------------------------------------------------------------------
 
 uint32_t place_of(const shmx_reserve *reserve, uint32_t offset)
 {
@@ -84,7 +84,7 @@ bool grow(shmx_reserve *reserve)
     return true;
 }
 
-// ---- the tree ------------------------------------------------------------------------------------
+// ---- the tree -----------------------------------------------------------------------------------
 
 // next is the right child here. Order: size, then insertion. Heap of priorities.
 
@@ -155,7 +155,7 @@ uint32_t tree_take(shmx_reserve *reserve, uint32_t alloc_size)
     return node;
 }
 
-// ---- the queues ----------------------------------------------------------------------------------
+// ---- the queues ---------------------------------------------------------------------------------
 
 uint32_t new_node(shmx_reserve *reserve)
 {

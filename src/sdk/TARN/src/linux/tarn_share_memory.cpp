@@ -115,8 +115,8 @@ uint64_t page_rounded(uint64_t size)
 }
 
 /** Size to ask the kernel for: one byte more than the area, like the file. The header and the last
- *  7 bytes of the area lie in what rounding to whole pages adds. Where it adds too little, for seven
- *  sizes in each page, the segment takes all 8 bytes. */
+ *  7 bytes of the area lie in what rounding to whole pages adds. Where it adds too little, for
+ *  seven sizes in each page, the segment takes all 8 bytes. */
 size_t segment_size(uint32_t size)
 {
     const uint64_t usual = uint64_t{size} + 1;
@@ -155,7 +155,7 @@ object_owner make_shm_object(const char *name)
     return owner;
 }
 
-// ---- segments ------------------------------------------------------------------------------------
+// ---- segments -----------------------------------------------------------------------------------
 
 /** What the header of a segment says, for a moment's look.
  *  @return false when the segment cannot be attached or is too small to have one */
@@ -294,7 +294,7 @@ bool attach(TARN_SHM shm)
     return true;
 }
 
-// ---- the backing file ----------------------------------------------------------------------------
+// ---- the backing file ---------------------------------------------------------------------------
 
 /** Take the lock of a backing file; logs a refusal. */
 bool lock_file(int fd, const char *path)
@@ -445,7 +445,7 @@ bool set_key(TARN_SHM shm, struct stat *status)
     return true;
 }
 
-// ---- creation ------------------------------------------------------------------------------------
+// ---- creation -----------------------------------------------------------------------------------
 
 /** Backing file and segment. Files whose keys are taken stay open until one with a free key is
  *  found, so that each try gets another inode. */
@@ -467,7 +467,7 @@ bool make_file_and_segment(TARN_SHM shm, const char *name)
             return state == key_state::free;
         }
         (void)::unlink(shm->path);
-        (void)::ftruncate(shm->fd, 0); // gives the memory back, keeps the inode
+        [[maybe_unused]] const int emptied = ::ftruncate(shm->fd, 0); // its memory, not its inode
         shm->owns_file = 0;
         kept.reset(std::exchange(shm->fd, -1));
     }
@@ -514,7 +514,7 @@ TARN_SHM create_object(const char *name, uint32_t size)
     return owner.release();
 }
 
-// ---- opening -------------------------------------------------------------------------------------
+// ---- opening ------------------------------------------------------------------------------------
 
 bool open_backing_file(TARN_SHM shm, struct stat *status)
 {
@@ -584,7 +584,7 @@ bool check_header(TARN_SHM shm, const struct stat &file)
     return true;
 }
 
-// ---- destruction ---------------------------------------------------------------------------------
+// ---- destruction --------------------------------------------------------------------------------
 
 void remove_segment(TARN_SHM shm)
 {
