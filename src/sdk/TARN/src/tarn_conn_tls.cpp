@@ -225,6 +225,7 @@ void conn_fill_tls_io(tlsu_conn_if_ex *io, uint32_t flags)
     io->flags = flags;
     io->peer_name = tlsu_conn_peer_name;
     io->accept_now = tlsu_conn_accept_now;
+    io->piece_size = 17408; // a whole TLS record at once
 }
 
 TARN_CONN conn_accept(conn_link *listener, uint32_t timeout_ms)
