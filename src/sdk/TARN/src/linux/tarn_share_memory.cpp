@@ -19,11 +19,13 @@
 #include "tarn_raii.h"
 #include "tarn_shm_internal.h"
 #include "tarn_str.h"
+#include "tarn_text.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -132,8 +134,9 @@ bool makes_file_name(const char *name)
 
 bool format_path(char *path, size_t size, const char *name)
 {
-    const int length = tarn_str_printf(path, size, "%s/TARN_SHM_%s", tarn::shm_root(), name);
-    return length > 0 && static_cast<size_t>(length) < size;
+    tarn::text_writer text(path, size);
+    text.append(tarn::shm_root()).append('/').append(tarn::shm_file_prefix).append(name);
+    return !text.truncated();
 }
 
 object_owner make_shm_object(const char *name)
@@ -180,7 +183,7 @@ bool peek_header(int segment_id, tarn::shm_segment_header *out)
 
 bool is_dead(pid_t pid)
 {
-    return pid > 0 && tarn::process_is_gone(pid); // 0: a process that cannot be named here
+    return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
 }
 
 /** Remove the segment that a dead creator left behind: its key is lost with its file. Processes
@@ -467,7 +470,8 @@ bool make_file_and_segment(TARN_SHM shm, const char *name)
             return state == key_state::free;
         }
         (void)::unlink(shm->path);
-        (void)::ftruncate(shm->fd, 0); // gives the memory back, keeps the inode
+        // Gives the memory back, keeps the inode.
+        [[maybe_unused]] const int emptied = ::ftruncate(shm->fd, 0);
         shm->owns_file = 0;
         kept.reset(std::exchange(shm->fd, -1));
     }
