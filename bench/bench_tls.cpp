@@ -1,11 +1,12 @@
-// TLS sessions beside OpenSSL straight on the socket: bulk data, small round trips, handshakes. Both
-// sides use the same contexts over loopback TCP.
+// TLS sessions, and the connections on top of them, beside OpenSSL straight on the socket: bulk data,
+// small round trips, handshakes. All use the same credentials over loopback TCP.
 
 #include "ratio.h"
 
 #include "tlsu.h"
 
-#include "tarn_log.h"
+#include "tarn.h"
+#include "tarn_conn.h"
 
 #include <openssl/ssl.h>
 
@@ -106,35 +107,52 @@ std::vector<char> read_and_remove(const std::string &path)
     return bytes;
 }
 
-/** A context with a certificate that signs itself and trusts itself. */
-TLSU_CTX make_ctx()
+/** A certificate that signs itself and trusts itself, and its key; enciphered. */
+struct credentials
 {
-    const std::string path = "/tmp/bench_tls_" + std::to_string(getpid());
-    const TLSU_PKEY key = tls().rsa_key_generate(2048);
-    const unsigned char serial[] = {1};
-    const TLSU_CERT cert =
-        tls().x509_create(0, "bench", "bench", serial, 1, std::time(nullptr) - 3600, 30, key);
-    require(tls().x509_sign(cert, TLSU_DIGEST_SHA256, key) == 0, "x509_sign");
-    require(tls().pkey_save(key, secret, path.c_str()) == 0, "pkey_save");
-    const std::vector<char> key_text = read_and_remove(path);
-    require(tls().x509_save(cert, secret, path.c_str()) == 0, "x509_save");
-    const std::vector<char> cert_text = read_and_remove(path);
-    tls().x509_free(cert);
-    tls().pkey_free(key);
-    const auto size = static_cast<int>(cert_text.size());
-    const TLSU_CTX ctx = tls().ctx_create(secret, cert_text.data(), size, cert_text.data(), size,
-                                          key_text.data(), static_cast<int>(key_text.size()));
-    require(ctx != nullptr, "ctx_create");
-    return ctx;
+    std::vector<char> key;
+    std::vector<char> cert;
+    tlsu_credentials record{};
+
+    credentials()
+    {
+        const std::string path = "/tmp/bench_tls_" + std::to_string(getpid());
+        const TLSU_PKEY pkey = tls().rsa_key_generate(2048);
+        const unsigned char serial[] = {1};
+        const TLSU_CERT x509 =
+            tls().x509_create(0, "bench", "bench", serial, 1, std::time(nullptr) - 3600, 30, pkey);
+        require(tls().x509_sign(x509, TLSU_DIGEST_SHA256, pkey) == 0, "x509_sign");
+        require(tls().pkey_save(pkey, secret, path.c_str()) == 0, "pkey_save");
+        key = read_and_remove(path);
+        require(tls().x509_save(x509, secret, path.c_str()) == 0, "x509_save");
+        cert = read_and_remove(path);
+        tls().x509_free(x509);
+        tls().pkey_free(pkey);
+        record.size = sizeof record;
+        record.secret = secret;
+        record.chain = record.cert = cert.data();
+        record.chain_len = record.cert_len = static_cast<int32_t>(cert.size());
+        record.key = key.data();
+        record.key_len = static_cast<int32_t>(key.size());
+    }
+};
+
+const tlsu_credentials &own()
+{
+    static const credentials made;
+    return made.record;
 }
 
 TLSU_CTX ctx()
 {
-    static const TLSU_CTX shared = make_ctx();
+    static const TLSU_CTX shared =
+        tls().ctx_create(own().secret, own().chain, own().chain_len, own().cert, own().cert_len,
+                         own().key, own().key_len);
+    require(shared != nullptr, "ctx_create");
     return shared;
 }
 
-// ---- the two ways to talk --------------------------------------------------------------------------
+// ---- the ways to talk --------------------------------------------------------------------------
 
 /** Ours: a session over a connection record that reads and writes a socket. */
 class tarn_end
@@ -240,6 +258,100 @@ private:
     SSL *ssl_;
 };
 
+/** A connection of the layer, plain sockets and all. */
+class conn_end
+{
+public:
+    explicit conn_end(TARN_CONN conn) : conn_(conn) {}
+    void shake_hands() {}
+    void write(const char *bytes, size_t size)
+    {
+        require(tarn_conn_write(conn_, bytes, size) == static_cast<int>(size), "tarn_conn_write");
+    }
+    size_t read(char *bytes, size_t size)
+    {
+        const int n = tarn_conn_read(conn_, bytes, size, 0xFFFFFFFFu);
+        return n > 0 ? static_cast<size_t>(n) : 0;
+    }
+    static constexpr size_t write_size = 65536;
+
+private:
+    TARN_CONN conn_;
+};
+
+/** The two ends of one TCP connection. */
+template <typename End>
+class ends
+{
+public:
+    void cut()
+    {
+        shutdown(pair_.client, SHUT_RDWR);
+    }
+
+private:
+    tcp_pair pair_;
+
+public:
+    End client{pair_.client, true};
+    End server{pair_.server, false};
+};
+
+uint16_t free_port()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto *const any = reinterpret_cast<sockaddr *>(&address);
+    require(bind(fd, any, size) == 0 && getsockname(fd, any, &size) == 0, "bind");
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+template <>
+class ends<conn_end>
+{
+public:
+    ends()
+    {
+        std::thread accepting([this] { tarn_conn_server_loop(server_handle_); });
+        require(tarn_conn_connect(client_handle_) == 0, "tarn_conn_connect");
+        accepting.join();
+        require(accepted_ != nullptr, "accept");
+        server = conn_end(accepted_);
+    }
+    ends(const ends &) = delete;
+    ends &operator=(const ends &) = delete;
+    ~ends()
+    {
+        tarn_conn_destroy(client_handle_);
+        tarn_conn_server_destroy(server_handle_);
+    }
+    void cut()
+    {
+        tarn_conn_disconnect(client_handle_);
+    }
+
+private:
+    static int on_connect(TARN_CONN conn, void *self)
+    {
+        static_cast<ends *>(self)->accepted_ = conn;
+        return 0;
+    }
+    const std::string port_ = std::to_string(free_port());
+    TARN_CONN accepted_ = nullptr;
+    TARN_CONN_SERVER server_handle_ = tarn_conn_server_create(&own(), "127.0.0.1", port_.c_str(),
+                                                              10000, 1, on_connect, nullptr, this);
+    TARN_CONN client_handle_ = tarn_conn_create(&own(), nullptr, nullptr, "127.0.0.1",
+                                                port_.c_str(), 10000, nullptr, nullptr, nullptr);
+
+public:
+    conn_end client{client_handle_};
+    conn_end server{nullptr};
+};
+
 // ---- benchmarks ------------------------------------------------------------------------------------
 
 /** The server's end, with a thread of its own that works on it from the handshake on. */
@@ -248,29 +360,27 @@ class served
 {
 public:
     explicit served(const std::function<void(End &)> &serve)
-        : client_(pair_.client, true), server_(pair_.server, false), thread_([this, serve] {
-              server_.shake_hands();
-              serve(server_);
+        : thread_([this, serve] {
+              ends_.server.shake_hands();
+              serve(ends_.server);
           })
     {
-        client_.shake_hands();
+        ends_.client.shake_hands();
     }
     served(const served &) = delete;
     served &operator=(const served &) = delete;
     ~served()
     {
-        shutdown(pair_.client, SHUT_RDWR);
+        ends_.cut();
         thread_.join();
     }
     End &client()
     {
-        return client_;
+        return ends_.client;
     }
 
 private:
-    tcp_pair pair_;
-    End client_;
-    End server_;
+    ends<End> ends_;
     std::thread thread_;
 };
 
@@ -377,6 +487,12 @@ void tarn_bulk(benchmark::State &state)
 }
 BENCHMARK(tarn_bulk)->UseRealTime();
 
+void tarn_conn_bulk(benchmark::State &state)
+{
+    bulk<conn_end>(state);
+}
+BENCHMARK(tarn_conn_bulk)->UseRealTime();
+
 void bare_ping_pong(benchmark::State &state)
 {
     ping_pong<bare_end>(state);
@@ -388,6 +504,12 @@ void tarn_ping_pong(benchmark::State &state)
     ping_pong<tarn_end>(state);
 }
 BENCHMARK(tarn_ping_pong)->UseRealTime();
+
+void tarn_conn_ping_pong(benchmark::State &state)
+{
+    ping_pong<conn_end>(state);
+}
+BENCHMARK(tarn_conn_ping_pong)->UseRealTime();
 
 void bare_handshake(benchmark::State &state)
 {
@@ -406,8 +528,14 @@ BENCHMARK(tarn_handshake)->UseRealTime();
 int main(int argc, char **argv)
 {
     tarn_log_level_set(TARN_LOG_LEVEL_WARN);
-    return bench::run(argc, argv,
-                      {{"bulk data", "tarn_bulk", "bare_bulk", 1.25},
-                       {"64-byte ping-pong", "tarn_ping_pong", "bare_ping_pong", 1.4},
-                       {"handshake", "tarn_handshake", "bare_handshake", 1.2}});
+    require(tarn_init(), "tarn_init");
+    const int status =
+        bench::run(argc, argv,
+                   {{"bulk data, session", "tarn_bulk", "bare_bulk", 1.25},
+                    {"bulk data, connection", "tarn_conn_bulk", "bare_bulk", 1.25},
+                    {"64-byte ping-pong, session", "tarn_ping_pong", "bare_ping_pong", 1.4},
+                    {"64-byte ping-pong, connection", "tarn_conn_ping_pong", "bare_ping_pong", 1.4},
+                    {"handshake", "tarn_handshake", "bare_handshake", 1.2}});
+    tarn_uninit();
+    return status;
 }

@@ -43,7 +43,7 @@ void say(const char *text)
     std::fflush(stdout);
 }
 
-// ---- both kinds ----------------------------------------------------------------------------------
+// ---- both kinds ---------------------------------------------------------------------------------
 
 TEST_F(NamedLock, RefusesNamesThatDoNotFit)
 {
@@ -131,7 +131,7 @@ TEST_F(NamedLock, NullHandlesAreReported)
     EXPECT_EQ(log.count("rc = -1, error = "), 2u);
 }
 
-// ---- mutex ---------------------------------------------------------------------------------------
+// ---- mutex --------------------------------------------------------------------------------------
 
 TEST_F(NamedLock, UnnamedMutexOrdersThreads)
 {
@@ -227,7 +227,10 @@ TEST_F(NamedLock, RobustMutexGoesOnAfterItsHolderDied)
         EXPECT_EQ(tarn_mutex_unlock(m.get()), 0);
     }
     EXPECT_TRUE(log.contains("warn", "its holder has died"));
-    EXPECT_EQ(tarn_mutex_unlock(m.get()), EPERM);
+    if (!support::with_tsan) // reports the mistake itself
+    {
+        EXPECT_EQ(tarn_mutex_unlock(m.get()), EPERM);
+    }
     EXPECT_EQ(tarn_mutex_lock(m.get()), 0); // destroyed while held
 }
 
@@ -262,7 +265,7 @@ TEST_F(NamedLock, OverwrittenKindIsRefused)
     EXPECT_EQ(tarn_mutex_unlock(m.get()), 0);
 }
 
-// ---- read-write lock -----------------------------------------------------------------------------
+// ---- read-write lock ----------------------------------------------------------------------------
 
 /** args: name, "read" or "write". Holds the lock until its input ends. */
 TARN_TEST_ROLE(rwlock_holder)

@@ -70,7 +70,7 @@ protected:
     std::string path_ = path_of(name_);
 };
 
-// ---- in one process ------------------------------------------------------------------------------
+// ---- in one process -----------------------------------------------------------------------------
 
 TEST_F(Shm, AreaHasTheStatedLayoutForEverySize)
 {
@@ -233,7 +233,7 @@ TEST_F(Shm, ReplacesStaleFilesButNotAttachedSegments)
     ::unlink(path_.c_str());
 }
 
-// ---- several processes ---------------------------------------------------------------------------
+// ---- several processes --------------------------------------------------------------------------
 
 /** Creates NAME, says so, and lives until its input ends. */
 TARN_TEST_ROLE(shm_creator)
@@ -318,7 +318,7 @@ TEST_F(Shm, RacingCreatorsNeverShareAName)
     EXPECT_FALSE(exists(path_));
 }
 
-// ---- a namespace of its own ----------------------------------------------------------------------
+// ---- a namespace of its own ---------------------------------------------------------------------
 
 /** Role result where the system lets nobody make a namespace: nothing can be shown then. */
 constexpr int no_namespace = 77;

@@ -91,64 +91,39 @@ TEST(Table, StartsOpensslOnce)
 
 // ---- digests ---------------------------------------------------------------------------------------
 
-TEST(Digest, AnswersForEveryId)
+TEST(Digest, OfEveryIdIsThatOfTheOpensslProgram)
 {
-    // of "abc"; nothing for a digest that this build of OpenSSL may have or not
-    const std::pair<int, const char *> known[] = {
-        {TLSU_DIGEST_MD4, "a448017aaf21d8525fc10ae87aa6729d"},
-        {TLSU_DIGEST_MD5, "900150983cd24fb0d6963f7d28e17f72"},
-        {TLSU_DIGEST_MD5_SHA1, "900150983cd24fb0d6963f7d28e17f72"
-                               "a9993e364706816aba3e25717850c26c9cd0d89d"},
-        {TLSU_DIGEST_BLAKE2B_512,
-         "ba80a53f981c4d0d6a2797b69f12f6e94c212f14685ac4b74b12bb6fdbffa2d1"
-         "7d87c5392aab792dc252d5de4533cc9518d38aa8dbf1925ab92386edd4009923"},
-        {TLSU_DIGEST_BLAKE2S_256,
-         "508c5e8c327c14e2e1a72ba34eeb452f37458b209ed63a294d999b4c86675982"},
-        {TLSU_DIGEST_SHA1, "a9993e364706816aba3e25717850c26c9cd0d89d"},
-        {TLSU_DIGEST_SHA224, "23097d223405d8228642a477bda255b32aadbce4bda0b3f7e36c9da7"},
-        {TLSU_DIGEST_SHA256, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
-        {TLSU_DIGEST_SHA384, "cb00753f45a35e8bb5a03d699ac65007272c32ab0eded1631a8b605a43ff5bed"
-                             "8086072ba1e7cc2358baeca134c825a7"},
-        {TLSU_DIGEST_SHA512, "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a"
-                             "2192992a274fc1a836ba3c23a3feebbd454d4423643ce80e2a9ac94fa54ca49f"},
-        {TLSU_DIGEST_SHA512_224, "4634270f707b6a54daae7530460842e20e37ed265ceee9a43e8924aa"},
-        {TLSU_DIGEST_SHA512_256,
-         "53048e2681941ef99b2e29b76b4c7dabe4c2d0c634fc6d46e0e2f13107e7af23"},
-        {TLSU_DIGEST_SHA3_224, "e642824c3f8cf24ad09234ee7d3c766fc9a3a5168d0c94ad73b46fdf"},
-        {TLSU_DIGEST_SHA3_256, "3a985da74fe225b2045c172d6bd390bd855f086e3e9d525b46bfe24511431532"},
-        {TLSU_DIGEST_SHA3_384, "ec01498288516fc926459f58e2c6ad8df9b473cb0fc08c2596da7cf0e49be4b2"
-                               "98d88cea927ac7f539f1edf228376d25"},
-        {TLSU_DIGEST_SHA3_512, "b751850b1a57168a5693cd924b6b096e08f621827444f70d884f5d0240d2712e"
-                               "10e116e9192af3c91a7ec57647e3934057340b4cf408d5a56592f8274eec53f0"},
-        {TLSU_DIGEST_SHAKE128, "5881092dd818bf5cf8a3ddb793fbcba7"},
-        {TLSU_DIGEST_SHAKE256, "483366601360a8771c6863080cc4114d8db44530f8f1e1ee4f94ea37e78b5739"},
-        {TLSU_DIGEST_MDC2, nullptr},
-        {TLSU_DIGEST_RIPEMD160, "8eb208f7e05d987a9b044a8e98c6b087f15a0bfc"},
-        {TLSU_DIGEST_WHIRLPOOL, "4e2448a4c6f486bb16b6562c73b4020bf3043e3a731bce721ae1b303d97e6d4c"
-                                "7181eebdb6c57e277d0e34957114cbd6c797fc9d95d8b582d225292076d4eef5"},
-        {TLSU_DIGEST_SM3, "66c7f0f462eeedd9d1f2d46bdc10e4e24167c4875cf2f7a2297da02b8f4ba8e0"}};
+    // from id 2 on; a digest that the program cannot make is not to be had here either
+    const std::string names[] = {"md4",        "md5",        "md5-sha1", "blake2b512", "blake2s256",
+                                 "sha1",       "sha224",     "sha256",   "sha384",     "sha512",
+                                 "sha512-224", "sha512-256", "sha3-224", "sha3-256",   "sha3-384",
+                                 "sha3-512",   "shake128",   "shake256", "mdc2",       "rmd160",
+                                 "whirlpool",  "sm3"};
+    const support::temp_dir dir;
+    support::write_file(dir.file("data"), "abc");
     expect_check("RVON(md,TARN_ERROR_LINE_NUMBER)");
     expect_check("RVOF(digest_len >= EVP_MD_size( md ),TARN_ERROR_LINE_NUMBER)");
-    int expected_id = 2;
-    for (const auto &[id, hex] : known)
+    int id = TLSU_DIGEST_MD4;
+    for (const std::string &name : names)
     {
-        EXPECT_EQ(id, expected_id++);
-        const std::string digest = digest_of(id, "abc");
-        if (hex == nullptr)
-        {
-            EXPECT_TRUE(digest.empty() || digest.size() == 16);
-            continue;
-        }
-        EXPECT_EQ(hex_of(digest), hex) << id;
-        std::string out(digest.size(), '#');
-        EXPECT_LT(tls().digest_data(id, "abc", 3, out.data(), length(out) - 1), 0) << id;
-        EXPECT_EQ(out, std::string(out.size(), '#')) << id;
+        const std::string output = openssl(
+            {"dgst", "-provider", "legacy", "-provider", "default", "-" + name, dir.file("data")},
+            {}, false);
+        const size_t at = output.find(")= ");
+        const std::string expected =
+            at != std::string::npos ? output.substr(at + 3, output.size() - at - 4) : "";
+        std::string digest = digest_of(id, "abc");
+        EXPECT_EQ(hex_of(digest), expected) << name;
+        EXPECT_TRUE(!digest.empty() || name == "mdc2") << name;
+        digest.assign(digest.size(), '#');
+        EXPECT_LT(tls().digest_data(id++, "abc", 3, digest.data(), length(digest) - 1), 0) << name;
+        EXPECT_EQ(digest.find_first_not_of('#'), std::string::npos) << name;
     }
-    for (const int id : {-1, 0, 1, 24, 1 << 30})
+    EXPECT_EQ(id, TLSU_DIGEST_SM3 + 1);
+    for (const int unknown : {-1, 0, 1, 24, 1 << 30})
     {
-        EXPECT_EQ(digest_of(id, "abc"), "");
+        EXPECT_EQ(digest_of(unknown, "abc"), "");
     }
-    EXPECT_EQ(digest_of(TLSU_DIGEST_MD5, ""), digest_of(TLSU_DIGEST_MD5, std::string()));
     EXPECT_EQ(hex_of(digest_of(TLSU_DIGEST_MD5, "")), "d41d8cd98f00b204e9800998ecf8427e");
 }
 
@@ -156,6 +131,7 @@ TEST(Digest, AnswersForEveryId)
 
 TEST(Cipher, NeverWritesPastItsOutput)
 {
+    const log_capture log;
     constexpr char guard = '#';
     for (int size = 0; size <= 70; ++size)
     {
@@ -179,17 +155,7 @@ TEST(Cipher, NeverWritesPastItsOutput)
             EXPECT_EQ(std::string(out.end() - 16, out.end()), std::string(16, guard));
         }
     }
-}
-
-TEST(Cipher, SaysWhenItsOutputIsTooSmall)
-{
-    const log_capture log;
-    char out[16];
-    EXPECT_LT(tls().aes256cbc_enc(secret, "x", 1, out, 15), 0);
     EXPECT_TRUE(log.contains("error", "out_buf_len [15] too small!"));
-    EXPECT_LT(tls().aes256cbc_enc(secret, "0123456789abcdef", 16, out, 16), 0);
-    EXPECT_TRUE(log.contains("error", "out_buf_len [16] too small!"));
-    EXPECT_EQ(tls().aes256cbc_enc(secret, "x", 1, out, 16), 16);
 }
 
 TEST(Cipher, IsThatOfTheOpensslProgram)
@@ -283,9 +249,11 @@ TEST(Key, IsRefusedWhenItIsNotAPlainPrivateKey)
     EXPECT_EQ(tls().pkey_create_from_aes256_enc_buf(secret, "0123456789abcdef", 16), nullptr);
     EXPECT_TRUE(log.contains("decrypt error"));
     EXPECT_TRUE(log.contains("bio_create_from_aes256cbc_secret failed!"));
-    expect_check("RVOF(bits >= min_rsa_bits && bits <= max_rsa_bits,NULL)");
+    testing::internal::CaptureStderr();
     EXPECT_EQ(tls().rsa_key_generate(64), nullptr);
     EXPECT_EQ(tls().rsa_key_generate(1 << 20), nullptr);
+    EXPECT_TRUE(
+        testing::internal::GetCapturedStderr().starts_with("RSA_generate_key_ex failed.\n"));
 }
 
 TEST(Key, IsSavedForItsOwnerOnly)

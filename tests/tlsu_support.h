@@ -55,36 +55,19 @@ inline void use_only_tls(TLSU_CTX ctx, int minor)
 
 // ---- owners ----------------------------------------------------------------------------------------
 
-inline void free_bio(TLSU_BIO bio)
+template <typename Handle, auto Entry>
+void free_through_table(Handle handle)
 {
-    tls().bio_free(bio);
+    (tls().*Entry)(handle);
 }
-inline void free_pkey(TLSU_PKEY pkey)
-{
-    tls().pkey_free(pkey);
-}
-inline void free_cert(TLSU_CERT cert)
-{
-    tls().x509_free(cert);
-}
-inline void free_store(TLSU_STORE store)
-{
-    tls().x509_store_free(store);
-}
-inline void free_ctx(TLSU_CTX ctx)
-{
-    tls().ctx_destroy(ctx);
-}
-inline void free_session(TLSU_SESSION session)
-{
-    tls().tls_destroy(session);
-}
-using bio_owner = tarn::unique_handle<TLSU_BIO, free_bio>;
-using pkey_owner = tarn::unique_handle<TLSU_PKEY, free_pkey>;
-using cert_owner = tarn::unique_handle<TLSU_CERT, free_cert>;
-using store_owner = tarn::unique_handle<TLSU_STORE, free_store>;
-using ctx_owner = tarn::unique_handle<TLSU_CTX, free_ctx>;
-using session_owner = tarn::unique_handle<TLSU_SESSION, free_session>;
+template <typename Handle, auto Entry>
+using owner = tarn::unique_handle<Handle, free_through_table<Handle, Entry>>;
+using bio_owner = owner<TLSU_BIO, &tlsu_if::bio_free>;
+using pkey_owner = owner<TLSU_PKEY, &tlsu_if::pkey_free>;
+using cert_owner = owner<TLSU_CERT, &tlsu_if::x509_free>;
+using store_owner = owner<TLSU_STORE, &tlsu_if::x509_store_free>;
+using ctx_owner = owner<TLSU_CTX, &tlsu_if::ctx_destroy>;
+using session_owner = owner<TLSU_SESSION, &tlsu_if::tls_destroy>;
 
 // ---- credentials -----------------------------------------------------------------------------------
 

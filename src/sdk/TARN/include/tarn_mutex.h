@@ -5,8 +5,8 @@
  *  name, an opened one too, destroys the lock for all who share it: close only when no process uses
  *  it any more. The thread that locked unlocks; no mutex is recursive.
  *
- *  A process that dies while it holds a mutex leaves it locked: tarn_mutex_lock() has no time-out and
- *  then waits for ever. A mutex created with TARN_MUTEX_ROBUST is handed to the next locker
+ *  A process that dies while it holds a mutex leaves it locked: tarn_mutex_lock() has no time-out
+ *  and then waits for ever. A mutex created with TARN_MUTEX_ROBUST is handed to the next locker
  *  instead, who finds what the mutex guards in whatever state the dead process left it.
  *
  *  The lock lives in memory that any local user may write to (tarn_shm.h). Its kind is checked
@@ -31,13 +31,13 @@ typedef struct tarn_mutex *TARN_MUTEX;
 /** Create a mutex, unlocked.
  *  @param flags  0 or TARN_MUTEX_ROBUST; other bits are ignored
  *  @param name   copied; null: a mutex of this process only
- *  @return the handle; TARN_INVALID_HANDLE when the name is empty or too long, a live process has it
- *          created already, the system refuses (ERROR) or memory ran out. */
+ *  @return the handle; TARN_INVALID_HANDLE when the name is empty or too long, a live process has
+ *          it created already, the system refuses (ERROR) or memory ran out. */
 TARN_API TARN_MUTEX tarn_mutex_create(uint32_t flags, const char *name);
 
 /** Open a mutex that another handle, usually another process's, created.
- *  @return the handle; TARN_INVALID_HANDLE when name is null, empty or too long, stands for none, or
- *          what stands there is no mutex (ERROR). */
+ *  @return the handle; TARN_INVALID_HANDLE when name is null, empty or too long, stands for none,
+ *          or what stands there is no mutex (ERROR). */
 TARN_API TARN_MUTEX tarn_mutex_open(const char *name);
 
 /** Lock; waits without limit.

@@ -5,11 +5,12 @@
  *  name, an opened one too, destroys the lock for all who share it: close only when no process uses
  *  it any more. No lock is recursive. There is no cure for a process that dies while it holds one:
  *  use time-outs, and create the name anew.
- *  Time-outs in milliseconds on the monotonic clock; a timed call tries every millisecond.
- *  The lock lives in memory that any local user may write to (tarn_shm.h); whoever does can make
- *  calls fail or wait, no more.
+ *  Time-outs in milliseconds on the monotonic clock; a timed call tries every millisecond. The lock
+ *  lives in memory that any local user may write to (tarn_shm.h); whoever does can make calls fail
+ *  or wait, no more.
  *  Names: 1 to 100 characters without '/'.
- *  Threads: any. Blocking and timed calls wait; the sleep of a timed one is a cancellation point. */
+ *  Threads: any. Blocking and timed calls wait; the sleep of a timed one is a cancellation point.
+ *  */
 #ifndef TARN_RWLOCK_H
 #define TARN_RWLOCK_H
 
@@ -22,13 +23,13 @@ typedef struct tarn_rwlock *TARN_RWLOCK;
 /** Create a read-write lock, unlocked.
  *  @param flags  any value; not used
  *  @param name   copied; null: a lock of this process only
- *  @return the handle; TARN_INVALID_HANDLE when the name is empty or too long, a live process has it
- *          created already, the system refuses (ERROR) or memory ran out. */
+ *  @return the handle; TARN_INVALID_HANDLE when the name is empty or too long, a live process has
+ *          it created already, the system refuses (ERROR) or memory ran out. */
 TARN_API TARN_RWLOCK tarn_rwlock_create(uint32_t flags, const char *name);
 
 /** Open a lock that another handle, usually another process's, created.
- *  @return the handle; TARN_INVALID_HANDLE when name is null, empty or too long, stands for none, or
- *          what stands there is no read-write lock (ERROR). */
+ *  @return the handle; TARN_INVALID_HANDLE when name is null, empty or too long, stands for none,
+ *          or what stands there is no read-write lock (ERROR). */
 TARN_API TARN_RWLOCK tarn_rwlock_open(const char *name);
 
 /** Lock for writing.

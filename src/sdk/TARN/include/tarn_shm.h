@@ -46,7 +46,8 @@ TARN_API uint32_t tarn_shm_size(TARN_SHM shm);
 
 /** Remove the file of a name and leave the segment alone: the object cannot be opened any more, and
  *  can be created anew.
- *  @return true when there was one and it is gone; false otherwise, and when the name is no good. */
+ *  @return true when there was one and it is gone; false otherwise, and when the name is no good.
+ *          */
 TARN_API bool tarn_shm_remove_file(const char *name);
 
 TARN_END_DECLS

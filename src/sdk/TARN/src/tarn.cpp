@@ -12,6 +12,7 @@
 #include "tarn_event.h"
 #include "tarn_file.h"
 #include "tarn_hash.h"
+#include "tarn_ipc.h"
 #include "tarn_list.h"
 #include "tarn_md5.h"
 #include "tarn_mhash.h"
@@ -21,10 +22,12 @@
 #include "tarn_process.h"
 #include "tarn_regex.h"
 #include "tarn_ringbuf.h"
+#include "tarn_rpc.h"
 #include "tarn_rwlock.h"
 #include "tarn_semaphore.h"
 #include "tarn_serial.h"
 #include "tarn_shm.h"
+#include "tarn_shmx.h"
 #include "tarn_socket.h"
 #include "tarn_thread.h"
 #include "tarn_thread_pool.h"
@@ -107,12 +110,15 @@ constexpr auto close_table = [] {
     table[TARN_HANDLE_TYPE_THREAD] = close_as<TARN_THREAD, tarn_thread_stop>;
     table[TARN_HANDLE_TYPE_THREAD_POOL] = close_as<TARN_THREAD_POOL, tarn_thread_pool_destroy>;
     table[TARN_HANDLE_TYPE_DATA] = close_as<TARN_DATA, tarn_data_destroy>;
+    table[TARN_HANDLE_TYPE_IPC] = close_as<TARN_IPC, tarn_ipc_destroy>;
     table[TARN_HANDLE_TYPE_REGEX] = close_as<TARN_REGEX, tarn_regex_destroy>;
     table[TARN_HANDLE_TYPE_HASH] = close_as<TARN_HASH, tarn_hash_destroy>;
     table[TARN_HANDLE_TYPE_DLL] = close_as<TARN_DLL, tarn_dll_unload>;
     table[TARN_HANDLE_TYPE_PIPE] = close_as<TARN_PIPE, tarn_pipe_close>;
+    table[TARN_HANDLE_TYPE_RPC] = close_as<TARN_RPC, tarn_rpc_destroy>;
     table[TARN_HANDLE_TYPE_MD5] = close_as<TARN_MD5, tarn_md5_destroy>;
     table[TARN_HANDLE_TYPE_DIR] = close_as<TARN_DIR, tarn_dir_close>;
+    table[TARN_HANDLE_TYPE_SHMX] = close_as<TARN_SHMX, tarn_shmx_destroy>;
     table[TARN_HANDLE_TYPE_RINGBUF] = close_as<TARN_RINGBUF, tarn_ringbuf_destroy>;
     table[TARN_HANDLE_TYPE_MHASH] = close_as<TARN_MHASH, tarn_mhash_destroy>;
     return table;

@@ -355,14 +355,24 @@ void link_unref(conn_link *link)
     tarn_mem_free(link);
 }
 
-conn_pin::conn_pin(TARN_CONN conn) : conn_(conn)
+void conn_ref(TARN_CONN conn)
 {
     (void)__atomic_add_fetch(&conn->refs, 1, __ATOMIC_RELAXED);
 }
 
+void conn_unref(TARN_CONN conn)
+{
+    unref(conn);
+}
+
+conn_pin::conn_pin(TARN_CONN conn) : conn_(conn)
+{
+    conn_ref(conn);
+}
+
 conn_pin::~conn_pin()
 {
-    unref(conn_);
+    conn_unref(conn_);
 }
 
 link_pin conn_hold_link(TARN_CONN conn)
@@ -535,8 +545,7 @@ void wait_for_callbacks(const callback_count &count)
 
 int64_t conn_write_parts(TARN_CONN conn, std::span<const send_part> parts, uint32_t timeout_ms)
 {
-    const size_t length = total_size(parts);
-    RVOF_TEXT(length > 0, TARN_ERRLN, "RVOF(buf_len > 0,TARN_ERRLN)");
+    RVOF_TEXT(total_size(parts) > 0, TARN_ERRLN, "RVOF(buf_len > 0,TARN_ERRLN)");
     RVOF_TEXT(stands(conn), TARN_ERRLN, "RVOF(conn->is_connected,TARN_ERRLN)");
     const conn_pin pin(conn);
     const link_pin link = conn_hold_link(conn);
@@ -544,13 +553,20 @@ int64_t conn_write_parts(TARN_CONN conn, std::span<const send_part> parts, uint3
     {
         return TARN_ERRLN; // disconnected just now
     }
+    return conn_write_link_parts(conn, link.get(), parts, timeout_ms);
+}
+
+int64_t conn_write_link_parts(TARN_CONN conn, conn_link *link, std::span<const send_part> parts,
+                              uint32_t timeout_ms)
+{
+    const size_t length = total_size(parts);
     for (const send_part &part : parts)
     {
-        TARN_LOG_HEX(&tarn_default_logger, TARN_LOG_LEVEL_DEBUG, transport_name(link.get()),
-                     part.data, static_cast<uint32_t>(part.size));
+        TARN_LOG_HEX(&tarn_default_logger, TARN_LOG_LEVEL_DEBUG, transport_name(link), part.data,
+                     static_cast<uint32_t>(part.size));
     }
     const int64_t written = link->tls_h != nullptr
-                                ? write_tls(link.get(), parts)
+                                ? write_tls(link, parts)
                                 : socket_send_parts(link->sock, parts, timeout_ms);
     if (written == static_cast<int64_t>(length))
     {
@@ -558,7 +574,8 @@ int64_t conn_write_parts(TARN_CONN conn, std::span<const send_part> parts, uint3
     }
     else
     {
-        log_write_failure(link.get(), errno);
+        const errno_keeper keep;
+        log_write_failure(link, errno);
     }
     return written;
 }

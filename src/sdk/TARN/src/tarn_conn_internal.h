@@ -1,4 +1,5 @@
-// Private: the connection record and its link; for tarn_conn*.cpp, the RPC endpoints and the tests.
+// Private: the connection record and its link; for tarn_conn*.cpp, the RPC endpoints, local IPC and
+// the tests.
 #ifndef TARN_CONN_INTERNAL_H
 #define TARN_CONN_INTERNAL_H
 
@@ -25,14 +26,15 @@ enum conn_kind : uint32_t
  *  thread only shuts it down: the last reference closes. */
 struct conn_link
 {
-    uint32_t refs;       ///< atomic
-    uint32_t kind;       ///< conn_kind
-    uint32_t timeout_ms; ///< of a connect or an accept
-    TARN_CONN conn;      ///< whose link it is; alive while the link is being set up
-    TARN_SOCKET sock;    ///< written while the link is set up, fixed afterwards
-    TLSU_SESSION tls_h;  ///< null: plain
-    char *peer_host;     ///< address that is being connected, for the check of its certificate
-    connect_slot slot;   ///< shows the socket to socket_abort()
+    uint32_t refs;          ///< atomic
+    uint32_t kind;          ///< conn_kind
+    uint32_t timeout_ms;    ///< of a connect or an accept
+    TARN_CONN conn;         ///< whose link it is; alive while the link is being set up
+    TARN_SOCKET sock;       ///< written while the link is set up, fixed afterwards
+    TLSU_SESSION tls_h;     ///< null: plain
+    uint32_t send_limit_ms; ///< of one piece of a session's bytes; atomic; 0: none
+    char *peer_host;        ///< address that is being connected, for the check of its certificate
+    connect_slot slot;      ///< shows the socket to socket_abort()
 };
 
 void link_ref(conn_link *link);
@@ -84,6 +86,11 @@ struct tarn_conn
 
 namespace tarn
 {
+
+/** A reference on a connection's memory, for a level above that still calls on it while it is being
+ *  destroyed: such calls fail. */
+void conn_ref(TARN_CONN conn);
+void conn_unref(TARN_CONN conn);
 
 /** Keeps a connection's memory while a call is inside. */
 class [[nodiscard]] conn_pin
@@ -139,6 +146,11 @@ link_pin conn_hold_link(TARN_CONN conn);
  *  @return bytes of the parts that were handed on, counted from the beginning of the first one: all
  *          on success; fewer, or negative, when the connection failed (logged) or is not connected. */
 int64_t conn_write_parts(TARN_CONN conn, std::span<const send_part> parts, uint32_t timeout_ms);
+
+/** The same on a link that the caller holds, whether it is the connection's current one or not: what
+ *  belongs to one link never goes out on the next. */
+int64_t conn_write_link_parts(TARN_CONN conn, conn_link *link, std::span<const send_part> parts,
+                              uint32_t timeout_ms);
 
 /** End what other threads are blocked in on this connection, without disconnecting: its reader finds
  *  the break. */

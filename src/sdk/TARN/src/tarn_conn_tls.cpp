@@ -172,7 +172,9 @@ int tlsu_conn_send(void *conn_h, const void *bytes, int len)
     TARN_LOG_DEBUG("conn = [%p], sock = [%p], buf_len = [%d]", static_cast<void *>(link->conn),
                    static_cast<void *>(link->sock), len);
     const tarn::send_part part = {bytes, static_cast<size_t>(len)};
-    return static_cast<int>(tarn::socket_send_parts(link->sock, {&part, 1}, TARN_INFINITE));
+    const uint32_t limit = __atomic_load_n(&link->send_limit_ms, __ATOMIC_RELAXED);
+    return static_cast<int>(
+        tarn::socket_send_parts(link->sock, {&part, 1}, limit != 0 ? limit : TARN_INFINITE));
 }
 
 int tlsu_conn_recv(void *conn_h, void *buffer, int max_len, uint32_t timeout_ms)
@@ -225,6 +227,7 @@ void conn_fill_tls_io(tlsu_conn_if_ex *io, uint32_t flags)
     io->flags = flags;
     io->peer_name = tlsu_conn_peer_name;
     io->accept_now = tlsu_conn_accept_now;
+    io->piece_size = 17408; // a whole TLS record at once
 }
 
 TARN_CONN conn_accept(conn_link *listener, uint32_t timeout_ms)

@@ -1,7 +1,8 @@
-// Private: system locks in shared memory objects behind a tag; for tarn_mutex.cpp and tarn_rwlock.cpp.
+// Private: system locks in shared memory objects behind a tag; for tarn_mutex.cpp and
+// tarn_rwlock.cpp.
 //
-// The tag is the last thing a creator writes: who sees it sees an initialised lock. A stale object is
-// replaced by the creation, so there is never an old tag in front of a lock that is being made.
+// The tag is the last thing a creator writes: who sees it sees an initialised lock. A stale object
+// is replaced by the creation, so there is never an old tag in front of a lock that is being made.
 #ifndef TARN_NAMED_LOCK_INTERNAL_H
 #define TARN_NAMED_LOCK_INTERNAL_H
 

@@ -78,6 +78,10 @@ private:
     int fd_ = -1;
 };
 
+/** True when no thread of a process is left, also while its parent has not collected it; false when
+ *  that cannot be told. The id of any of its threads will do. Keeps errno. */
+bool process_is_gone(int process_id) noexcept;
+
 /** Duplicate a descriptor, close-on-exec; empty on failure, with errno set. */
 unique_fd duplicate_fd(int fd) noexcept;
 

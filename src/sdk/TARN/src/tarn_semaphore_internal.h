@@ -1,6 +1,9 @@
-// Private: the poll schedule of the timed semaphore wait; for tarn_semaphore.cpp and the tests.
+// Private: the poll schedule of the timed semaphore wait, and a wait without it; for
+// tarn_semaphore.cpp, the shared heap and the tests.
 #ifndef TARN_SEMAPHORE_INTERNAL_H
 #define TARN_SEMAPHORE_INTERNAL_H
+
+#include "tarn_semaphore.h"
 
 #include <cstdint>
 
@@ -27,6 +30,12 @@ private:
     uint32_t step_ms_ = 1;
     uint32_t failures_ = 0;
 };
+
+/** Take one unit, sleeping in the kernel until there is one: for a server that has to answer at
+ *  once, which the polling tarn_semaphore_wait() does not.
+ *  @param ms  at most so long on the monotonic clock; not infinite
+ *  @return true when a unit was taken */
+bool semaphore_take_within(TARN_SEMAPHORE sem, uint32_t ms);
 
 } // namespace tarn
 

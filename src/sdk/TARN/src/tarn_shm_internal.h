@@ -1,5 +1,5 @@
-// Private: layout and insides of shared memory objects; for tarn_share_memory*.cpp, the modules that
-// live in such objects, and the tests.
+// Private: layout and insides of shared memory objects; for tarn_share_memory*.cpp, the modules
+// that live in such objects, and the tests.
 #ifndef TARN_SHM_INTERNAL_H
 #define TARN_SHM_INTERNAL_H
 

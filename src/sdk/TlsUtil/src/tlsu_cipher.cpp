@@ -188,6 +188,7 @@ TLSU_BIO bio_create_from_aes256cbc_secret(const char *secret, const void *buf, i
         TARN_LOG_ERROR("decrypt error");
         return nullptr;
     }
+    text.get()[length] = '\0'; // the padding took at least one byte
     bio_owner bio(BIO_new(BIO_s_mem()));
     if (!bio)
     {

@@ -12,7 +12,6 @@
 namespace
 {
 
-constexpr int min_rsa_bits = 512;
 constexpr int max_rsa_bits = OPENSSL_RSA_MAX_MODULUS_BITS; // larger ones can be made but not used
 
 using decoder_owner = tarn::unique_handle<OSSL_DECODER_CTX *, OSSL_DECODER_CTX_free>;
@@ -29,8 +28,9 @@ int refuse_pass_phrase(char *, int, int, void *)
 
 TLSU_PKEY rsa_key_generate(int bits)
 {
-    RVOF(bits >= min_rsa_bits && bits <= max_rsa_bits, NULL);
-    EVP_PKEY *const pkey = EVP_RSA_gen(static_cast<unsigned int>(bits)); // exponent 65537
+    EVP_PKEY *const pkey = bits > 0 && bits <= max_rsa_bits
+                               ? EVP_RSA_gen(static_cast<unsigned int>(bits)) // exponent 65537
+                               : nullptr;
     if (pkey == nullptr)
     {
         (void)std::fputs("RSA_generate_key_ex failed.\n", stderr);

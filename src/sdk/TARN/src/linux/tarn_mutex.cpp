@@ -1,8 +1,8 @@
 // Mutexes: POSIX mutexes on the heap, or process-shared in a shared memory object.
 //
-// The C library acts on the kind that stands inside the mutex: with a kind that another process wrote
-// there it would follow links into anywhere. So the kind is looked at before each use, and only the
-// kinds that are made here pass.
+// The C library acts on the kind that stands inside the mutex: with a kind that another process
+// wrote there it would follow links into anywhere. So the kind is looked at before each use, and
+// only the kinds that are made here pass.
 
 #include "tarn_mutex.h"
 
@@ -164,7 +164,8 @@ TARN_MUTEX create_named(const char *name, bool robust)
     return m.release();
 }
 
-/** A robust mutex must not leave this process's memory while the thread's list of locks holds it. */
+/** A robust mutex must not leave this process's memory while the thread's list of locks holds it.
+ *  */
 void unlock_own_robust(TARN_MUTEX m)
 {
     static const int robust_kind = made_kind(true);

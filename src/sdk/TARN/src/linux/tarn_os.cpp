@@ -2,11 +2,18 @@
 
 #include "tarn_os.h"
 
+#include <csignal>
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#ifndef SYS_pidfd_open
+#define SYS_pidfd_open 434
+#endif
 
 namespace tarn
 {
@@ -41,6 +48,24 @@ error_text::error_text(int error_number) noexcept : buffer_{}
 {
     const errno_keeper keep_errno;
     text_ = strerror_r(error_number, buffer_, sizeof buffer_);
+}
+
+bool process_is_gone(int process_id) noexcept
+{
+    const errno_keeper keep_errno;
+    const cancel_guard no_cancel;
+    const unique_fd fd(static_cast<int>(::syscall(SYS_pidfd_open, process_id, 0)));
+    if (fd)
+    {
+        pollfd ended = {fd.get(), POLLIN, 0};
+        return ::poll(&ended, 1, 0) == 1; // readable once its last thread has ended
+    }
+    if (errno == ESRCH)
+    {
+        return true;
+    }
+    // An older kernel, no descriptor left, or the id of another thread than the first.
+    return ::kill(process_id, 0) != 0 && errno == ESRCH;
 }
 
 } // namespace tarn

@@ -257,7 +257,8 @@ void tarn_rwlock_destroy(TARN_RWLOCK rw)
     {
         return;
     }
-    // Deliberately also by a handle that opened it. The C library's call touches nothing that waits.
+    // Deliberately also by a handle that opened it. The C library's call touches nothing that
+    // waits.
     (void)pthread_rwlock_destroy(rw->system);
     if (rw->shm != nullptr)
     {

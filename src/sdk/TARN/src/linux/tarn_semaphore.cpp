@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include <fcntl.h>
 #include <semaphore.h>
@@ -111,6 +112,25 @@ bool take_within(TARN_SEMAPHORE sem, uint32_t ms)
 }
 
 } // namespace
+
+namespace tarn
+{
+
+bool semaphore_take_within(TARN_SEMAPHORE sem, uint32_t ms)
+{
+    timespec deadline{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += ms / 1000;
+    deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000;
+    if (deadline.tv_nsec >= 1000000000)
+    {
+        deadline.tv_nsec -= 1000000000;
+        ++deadline.tv_sec;
+    }
+    return retry_eintr([&] { return sem_clockwait(sem->system, CLOCK_MONOTONIC, &deadline); }) == 0;
+}
+
+} // namespace tarn
 
 TARN_SEMAPHORE tarn_semaphore_create(const char *name, uint32_t value)
 {

@@ -19,13 +19,11 @@
 #include "tarn_raii.h"
 #include "tarn_shm_internal.h"
 #include "tarn_str.h"
-#include "tarn_text.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -117,8 +115,8 @@ uint64_t page_rounded(uint64_t size)
 }
 
 /** Size to ask the kernel for: one byte more than the area, like the file. The header and the last
- *  7 bytes of the area lie in what rounding to whole pages adds. Where it adds too little, for seven
- *  sizes in each page, the segment takes all 8 bytes. */
+ *  7 bytes of the area lie in what rounding to whole pages adds. Where it adds too little, for
+ *  seven sizes in each page, the segment takes all 8 bytes. */
 size_t segment_size(uint32_t size)
 {
     const uint64_t usual = uint64_t{size} + 1;
@@ -134,9 +132,8 @@ bool makes_file_name(const char *name)
 
 bool format_path(char *path, size_t size, const char *name)
 {
-    tarn::text_writer text(path, size);
-    text.append(tarn::shm_root()).append('/').append(tarn::shm_file_prefix).append(name);
-    return !text.truncated();
+    const int length = tarn_str_printf(path, size, "%s/TARN_SHM_%s", tarn::shm_root(), name);
+    return length > 0 && static_cast<size_t>(length) < size;
 }
 
 object_owner make_shm_object(const char *name)
@@ -158,7 +155,7 @@ object_owner make_shm_object(const char *name)
     return owner;
 }
 
-// ---- segments ------------------------------------------------------------------------------------
+// ---- segments -----------------------------------------------------------------------------------
 
 /** What the header of a segment says, for a moment's look.
  *  @return false when the segment cannot be attached or is too small to have one */
@@ -183,7 +180,7 @@ bool peek_header(int segment_id, tarn::shm_segment_header *out)
 
 bool is_dead(pid_t pid)
 {
-    return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
+    return pid > 0 && tarn::process_is_gone(pid); // 0: a process that cannot be named here
 }
 
 /** Remove the segment that a dead creator left behind: its key is lost with its file. Processes
@@ -297,7 +294,7 @@ bool attach(TARN_SHM shm)
     return true;
 }
 
-// ---- the backing file ----------------------------------------------------------------------------
+// ---- the backing file ---------------------------------------------------------------------------
 
 /** Take the lock of a backing file; logs a refusal. */
 bool lock_file(int fd, const char *path)
@@ -448,7 +445,7 @@ bool set_key(TARN_SHM shm, struct stat *status)
     return true;
 }
 
-// ---- creation ------------------------------------------------------------------------------------
+// ---- creation -----------------------------------------------------------------------------------
 
 /** Backing file and segment. Files whose keys are taken stay open until one with a free key is
  *  found, so that each try gets another inode. */
@@ -470,8 +467,7 @@ bool make_file_and_segment(TARN_SHM shm, const char *name)
             return state == key_state::free;
         }
         (void)::unlink(shm->path);
-        // Gives the memory back, keeps the inode.
-        [[maybe_unused]] const int emptied = ::ftruncate(shm->fd, 0);
+        [[maybe_unused]] const int emptied = ::ftruncate(shm->fd, 0); // its memory, not its inode
         shm->owns_file = 0;
         kept.reset(std::exchange(shm->fd, -1));
     }
@@ -518,7 +514,7 @@ TARN_SHM create_object(const char *name, uint32_t size)
     return owner.release();
 }
 
-// ---- opening -------------------------------------------------------------------------------------
+// ---- opening ------------------------------------------------------------------------------------
 
 bool open_backing_file(TARN_SHM shm, struct stat *status)
 {
@@ -588,7 +584,7 @@ bool check_header(TARN_SHM shm, const struct stat &file)
     return true;
 }
 
-// ---- destruction ---------------------------------------------------------------------------------
+// ---- destruction --------------------------------------------------------------------------------
 
 void remove_segment(TARN_SHM shm)
 {

@@ -1,9 +1,9 @@
 // Clean-up of backing files when their file system is full: what no process uses goes.
 //
 // A file is in use when its lock is taken (its creator lives) or any process has it open. The usual
-// way is a shell command with fuser(1). A directory that every user may write to can hold names that
-// a shell would take apart, and fuser does not see processes of other process namespaces; the same is
-// then done here.
+// way is a shell command with fuser(1). A directory that every user may write to can hold names
+// that a shell would take apart, and fuser does not see processes of other process namespaces; the
+// same is then done here.
 
 #include "tarn_shm_internal.h"
 
