@@ -23,7 +23,9 @@ foreach(dir ${tarn_public_dirs})
     DIRECTORY "${dir}/"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/tarn"
     COMPONENT development
-    FILES_MATCHING PATTERN "*.h")
+    FILES_MATCHING
+    PATTERN "*.h"
+    PATTERN "*.hpp")
 endforeach()
 
 configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/tarnConfig.cmake.in" tarnConfig.cmake
