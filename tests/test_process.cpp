@@ -6,10 +6,13 @@
 #include "tarn_event.h"
 #include "tarn_modules.h"
 #include "tarn_process.h"
+#include "tarn_sys.h"
 #include "tarn_thread.h"
 
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <sstream>
@@ -18,8 +21,10 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -678,6 +683,88 @@ TEST(Process, NamesVersionAndEnvironment)
     EXPECT_EQ(__tarn_process_exit_event__, nullptr);
     expect_check("RVON(ev,false)");
     EXPECT_FALSE(tarn_process_wait_exit(0)); // nothing to wait for
+}
+
+// ---- the service manager -------------------------------------------------------------------------
+
+/** Says what a daemon says: waits twice, kicks twice, sees its exit event twice. */
+TARN_TEST_ROLE(service)
+{
+    EXPECT_TRUE(tarn_init());
+    EXPECT_FALSE(tarn_process_wait_exit(1));
+    EXPECT_FALSE(tarn_process_wait_exit(1));
+    tarn_wdt_kick();
+    tarn_wdt_kick();
+    tarn_event_set(__tarn_process_exit_event__);
+    EXPECT_TRUE(tarn_process_wait_exit(1));
+    EXPECT_TRUE(tarn_process_wait_exit(1));
+    tarn_uninit();
+    return 0;
+}
+
+/** A manager's socket, and what a service told it. */
+class service_manager
+{
+public:
+    explicit service_manager(const std::string &name)
+        : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, name.data(), name.size());
+        if (name[0] == '@')
+        {
+            address.sun_path[0] = '\0';
+        }
+        const auto length = offsetof(sockaddr_un, sun_path) + name.size();
+        EXPECT_EQ(
+            ::bind(fd_, reinterpret_cast<sockaddr *>(&address), static_cast<socklen_t>(length)), 0);
+    }
+    service_manager(const service_manager &) = delete;
+    service_manager &operator=(const service_manager &) = delete;
+    ~service_manager()
+    {
+        ::close(fd_);
+    }
+    std::string story_of(const std::vector<std::string> &environment)
+    {
+        child_process child =
+            child_process::program({"/proc/self/exe", "--role=service"}, environment);
+        (void)child.read_rest();
+        EXPECT_EQ(child.wait(), 0);
+        std::string story;
+        char text[64];
+        for (ssize_t n = 0; (n = ::recv(fd_, text, sizeof text, 0)) > 0;)
+        {
+            story += std::string(text, static_cast<size_t>(n)) + " ";
+        }
+        return story;
+    }
+
+private:
+    int fd_;
+};
+
+TEST(ServiceManager, IsToldReadyKicksAndStopping)
+{
+    const support::temp_dir dir;
+    const std::string of_process = "@tarn-test-" + std::to_string(::getpid());
+    for (const std::string &name : {dir.file("notify"), of_process})
+    {
+        service_manager manager(name);
+        const std::string socket = "NOTIFY_SOCKET=" + name;
+        EXPECT_EQ(manager.story_of({socket}), "READY=1 STOPPING=1 ");
+        EXPECT_EQ(manager.story_of({socket, "WATCHDOG_USEC=1000000"}),
+                  "READY=1 WATCHDOG=1 WATCHDOG=1 STOPPING=1 ");
+        EXPECT_EQ(manager.story_of({socket, "WATCHDOG_USEC=1000000", "WATCHDOG_PID=1"}),
+                  "READY=1 STOPPING=1 ");
+        EXPECT_EQ(manager.story_of({"WATCHDOG_USEC=1000000"}), "");
+        for (const std::string &wrong : {std::string("@"), std::string("relative/path"),
+                                         "/" + std::string(200, 'x'), dir.file("nobody")})
+        {
+            EXPECT_EQ(manager.story_of({"NOTIFY_SOCKET=" + wrong}), "");
+        }
+    }
 }
 
 } // namespace

@@ -18,6 +18,9 @@
  *  event and the fourth kills. SIGPIPE is ignored. SIGUSR1 switches the logging of serial traffic
  *  on, SIGUSR2 off. In a forked child that goes on without exec, termination signals take their
  *  default action until its own first tarn_process_wait_exit().
+ *  A service manager that started the process with NOTIFY_SOCKET in its environment, see
+ *  sd_notify(3), is told READY=1 at the first exit wait, STOPPING=1 when a wait sees the exit event,
+ *  and, with WATCHDOG_USEC set as well, WATCHDOG=1 on each tarn_wdt_kick().
  *  Threads: the command line, instance lock and daemon calls belong to the main thread before any
  *  other thread runs; the rest may be called from any thread. */
 #ifndef TARN_PROCESS_H

@@ -189,7 +189,9 @@ TARN_API int tarn_sys_command_run(const char *cmd, char **output, uint32_t timeo
 /* A process that has a time-out set must kick the watchdog more often than that, or the watchdog
  * acts. It is reached through libwatchprocess.so, which is loaded at the first call of any of these
  * functions; without that library, and with TARN_WDT_DISABLED in the environment at tarn_init()
- * (1, y, true or yes, in any case), there is no watchdog. */
+ * (1, y, true or yes, in any case), there is no watchdog.
+ * The watchdog of a service manager (WATCHDOG_USEC and NOTIFY_SOCKET in the environment, see
+ * tarn_process.h) is kicked as well, independently of all that. */
 
 /** Register the process with the watchdog, or change its time-out.
  *  @param seconds  0 takes the process out

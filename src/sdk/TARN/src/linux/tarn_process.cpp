@@ -12,6 +12,7 @@
 #include "tarn_process_internal.h"
 #include "tarn_process_state.h"
 #include "tarn_raii.h"
+#include "tarn_service_notify.h"
 #include "tarn_sys.h"
 #include "tarn_text.h"
 
@@ -62,6 +63,10 @@ constexpr size_t lock_path_size = 4097;
 
 /** Instance name of the short command line; owned. */
 constinit std::atomic<char *> instance_process_name{nullptr};
+
+/** What the service manager was told; a forked child is not its business and inherits both. */
+constinit std::atomic<bool> told_ready{false};
+constinit std::atomic<bool> told_stopping{false};
 
 bool is_level_name(const char *text)
 {
@@ -237,7 +242,16 @@ bool tarn_process_wait_exit(uint32_t ms)
 {
     tarn::restart_signal_relay();
     tarn::use_default_signal_action(false);
-    return tarn_event_wait(tarn::exit_event(), ms);
+    if (!told_ready.exchange(true))
+    {
+        tarn::service_notify("READY=1");
+    }
+    const bool exit_asked = tarn_event_wait(tarn::exit_event(), ms);
+    if (exit_asked && !told_stopping.exchange(true))
+    {
+        tarn::service_notify("STOPPING=1");
+    }
+    return exit_asked;
 }
 
 int tarn_process_parse_cmdline(int argc, char *const *argv, const char *instance_name,

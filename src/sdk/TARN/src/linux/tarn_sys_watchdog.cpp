@@ -6,6 +6,7 @@
 #include "tarn_check.h"
 #include "tarn_process_state.h"
 #include "tarn_raii.h"
+#include "tarn_service_notify.h"
 #include "tarn_sys_internal.h"
 
 #include <atomic>
@@ -172,7 +173,9 @@ uint32_t tarn_wdt_get_timeout(void)
 
 void tarn_wdt_kick(void)
 {
-    if (watchdog.disabled || !watchdog_loaded())
+    const bool is_watched_by_manager = tarn::service_notify_watchdog();
+    if (watchdog.disabled || (is_watched_by_manager && watchdog.state == load_state::missing) ||
+        !watchdog_loaded())
     {
         return;
     }
