@@ -48,7 +48,7 @@ target_compile_options(
   INTERFACE -fvisibility=hidden "$<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>"
             "$<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>")
 
-# tarn_add_program(<name> <sources>...): an executable of ours, not installed, built into bin/.
+# tarn_add_program(<name> <sources>...): an executable of ours, built into bin/.
 function(tarn_add_program name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE tarn_flags)

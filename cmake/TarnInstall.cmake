@@ -1,5 +1,5 @@
-# Install rules. Components: runtime (libtarn.so.1), development (headers, link name, static library,
-# CMake package, pkg-config file), tools.
+# Install rules. Components: runtime (libtarn.so.1), dev (headers, link name, static library, CMake
+# package, pkg-config file), tools (programs, and what makes gatewayd a service).
 include(CMakePackageConfigHelpers)
 
 set(tarn_cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/tarn")
@@ -8,21 +8,21 @@ set(tarn_cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/tarn")
 install(
   TARGETS tarn
   EXPORT tarnSharedTargets
-  LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
-install(TARGETS tarn_static EXPORT tarnStaticTargets ARCHIVE COMPONENT development)
+  LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev)
+install(TARGETS tarn_static EXPORT tarnStaticTargets ARCHIVE COMPONENT dev)
 foreach(kind Shared Static)
   install(
     EXPORT tarn${kind}Targets
     NAMESPACE tarn::
     DESTINATION "${tarn_cmake_dir}"
-    COMPONENT development)
+    COMPONENT dev)
 endforeach()
 
 foreach(dir ${tarn_public_dirs})
   install(
     DIRECTORY "${dir}/"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/tarn"
-    COMPONENT development
+    COMPONENT dev
     FILES_MATCHING
     PATTERN "*.h"
     PATTERN "*.hpp")
@@ -36,7 +36,7 @@ install(
         "${CMAKE_CURRENT_BINARY_DIR}/tarnConfigVersion.cmake"
         "${PROJECT_SOURCE_DIR}/cmake/FindPCRE2Posix.cmake"
   DESTINATION "${tarn_cmake_dir}"
-  COMPONENT development)
+  COMPONENT dev)
 
 set(pc_requires_private "libpcre2-posix")
 if(tarn_has_tls)
@@ -50,4 +50,42 @@ configure_file("${PROJECT_SOURCE_DIR}/cmake/tarn.pc.in" tarn.pc @ONLY)
 install(
   FILES "${CMAKE_CURRENT_BINARY_DIR}/tarn.pc"
   DESTINATION "${pc_dir}"
-  COMPONENT development)
+  COMPONENT dev)
+
+if(TARGET tarnctl)
+  install(TARGETS tarnctl RUNTIME COMPONENT tools)
+endif()
+if(TARGET gatewayd)
+  install(TARGETS gatewayd RUNTIME COMPONENT tools)
+  set(gatewayd_dir "${PROJECT_SOURCE_DIR}/examples/gatewayd")
+  # the unit names the programs and files of a package; elsewhere they have other places
+  file(READ "${gatewayd_dir}/gatewayd.service" unit)
+  string(REPLACE "/usr/bin/" "${CMAKE_INSTALL_FULL_BINDIR}/" unit "${unit}")
+  string(REPLACE "/etc/" "${CMAKE_INSTALL_FULL_SYSCONFDIR}/" unit "${unit}")
+  file(CONFIGURE OUTPUT gatewayd.service CONTENT "${unit}" @ONLY)
+  file(READ "${gatewayd_dir}/gatewayd.default" options)
+  string(REPLACE "/etc/" "${CMAKE_INSTALL_FULL_SYSCONFDIR}/" options "${options}")
+  file(CONFIGURE OUTPUT gatewayd.default CONTENT "${options}" @ONLY)
+  install(
+    FILES "${CMAKE_CURRENT_BINARY_DIR}/gatewayd.service"
+    DESTINATION lib/systemd/system
+    COMPONENT tools)
+  install(
+    FILES "${gatewayd_dir}/gatewayd.sysusers"
+    DESTINATION lib/sysusers.d
+    RENAME gatewayd.conf
+    COMPONENT tools)
+  install(
+    FILES "${CMAKE_CURRENT_BINARY_DIR}/gatewayd.default"
+    DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/default"
+    RENAME gatewayd
+    COMPONENT tools)
+  install(
+    FILES "${gatewayd_dir}/gatewayd.conf"
+    DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}"
+    COMPONENT tools)
+endif()
+
+if(PROJECT_IS_TOP_LEVEL)
+  include(TarnPackage)
+endif()
