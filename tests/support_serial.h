@@ -180,6 +180,11 @@ public:
     {
         return pty_.master();
     }
+    /** Only where it is no real one. */
+    void disappear()
+    {
+        pty_.disappear();
+    }
     [[nodiscard]] bool is_kept() const
     {
         return is_kept_;

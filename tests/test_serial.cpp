@@ -206,6 +206,21 @@ TEST_F(Serial, OtherProcessesAreKeptOutUntilTheHolderEnds)
     EXPECT_EQ(late.wait(), 0);
 }
 
+TEST_F(Serial, ClosedPortIsFreeThoughAChildStillHasItsDescriptors)
+{
+    const serial_pty pty;
+    serial_owner port = pty.open();
+    for (const int fd : {port.get()->fd, port.get()->lock_fd})
+    {
+        EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
+    }
+    const tarn::unique_fd inherited = tarn::duplicate_fd(port.get()->lock_fd);
+    EXPECT_FALSE(pty.open());
+    port.reset();
+    EXPECT_TRUE(std::filesystem::exists(serial_lock_path(pty.slave_name())));
+    EXPECT_TRUE(pty.open());
+}
+
 TEST_F(Serial, ThreadsNeverHoldAPortTwice)
 {
     const serial_pty pty;
@@ -440,6 +455,10 @@ TEST_F(Serial, PurgeDropsWhatItIsAskedTo)
     for (const bool transmit : {false, true})
     {
         feed(pty, "old");
+        EXPECT_TRUE(support::wait_until([&] { // what is still under way to the terminal would stay
+            int there = 0;
+            return ::ioctl(port.get()->fd, FIONREAD, &there) == 0 && there == 3;
+        }));
         EXPECT_EQ(tarn_serial_purge(port.get(), true, transmit), 0);
         EXPECT_EQ(read_port(port.get(), 30), (read_result{0, ""}));
     }
@@ -517,6 +536,8 @@ TEST_F(Serial, TrafficIsLoggedWhileSwitchedOn)
     EXPECT_EQ(tarn_serial_write(port.get(), bytes.get(), 4), 0);
     EXPECT_TRUE(log.contains("debug", name + " buf_len = [4], str = [%n\xFF!]"));
     EXPECT_TRUE(log.contains("info", "[4] " + name + " 25 6e ff 21"));
+    EXPECT_EQ(tarn_serial_write(port.get(), nullptr, 0), 0);
+    EXPECT_TRUE(log.contains("debug", name + " buf_len = [0], str = []"));
     feed(pty, "in");
     EXPECT_EQ(read_port(port.get(), 1).bytes, "i");
     EXPECT_EQ(read_port(port.get(), 9).bytes, "n");

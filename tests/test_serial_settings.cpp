@@ -191,6 +191,32 @@ TEST_F(SerialSettings, OpeningReplacesWhatTheDeviceHad)
               unsigned{CS7 | PARENB | PARODD | CMSPAR | CREAD | CLOCAL});
     EXPECT_EQ(support::kept.settings.c_iflag, 0u);
     EXPECT_EQ(support::kept.when, TCSANOW);
+
+    const serial_pty pty;
+    const serial_owner port(
+        tarn_serial_open(pty.slave_name().c_str(), 19200, 6, 2, TARN_SERIAL_PARITY_SPACE));
+    EXPECT_EQ(support::kept.settings.c_cflag & (CSIZE | CSTOPB | PARENB | PARODD | CMSPAR | CBAUD),
+              unsigned{CS6 | CSTOPB | PARENB | CMSPAR | B19200});
+}
+
+TEST_F(SerialSettings, DeviceThatRefusesItsSettingsIsLeftClosedAndUnlocked)
+{
+    const support::serial_seam seam;
+    const serial_pty pty;
+    const size_t descriptors = support::open_descriptors();
+    log_capture log;
+    tarn::serial_os.tcgetattr = [](int, termios *) { return -1; };
+    EXPECT_FALSE(pty.open());
+    EXPECT_TRUE(log.contains("error", "fail to get attr on port " + pty.slave_name()));
+    tarn::serial_os = seam.kept;
+    tarn::serial_os.tcsetattr = [](int, int, const termios *) { return -1; };
+    EXPECT_FALSE(pty.open());
+    EXPECT_TRUE(log.contains("error", "fail to set attr"));
+    tarn::serial_os = seam.kept;
+    tarn::serial_os.ioctl = [](int, unsigned long, void *) { return -1; };
+    EXPECT_FALSE(pty.open(250000));
+    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_TRUE(pty.open()) << "a table rate does without that call";
 }
 
 TEST_F(SerialSettings, FailuresTellReadingFromWriting)

@@ -134,7 +134,8 @@ TARN_API bool tarn_serial_set_comm_mask(TARN_SERIAL port, uint32_t event_mask);
  *  are waited for in turn, up to one second each, so one event may be reported up to two seconds
  *  after it came. Modem-line events are reported on every pass, whether or not a line has changed:
  *  deliberate. A device without modem lines, or one that is gone, ends the wait after one pass; so
- *  do a signal handler that runs meanwhile and a stop request to the calling loop thread.
+ *  do a signal handler that runs meanwhile, a stop request to the calling loop thread and, on the
+ *  main thread, the process exit event.
  *  @param event_mask  out: those bits of the mask that are there; written only when 1 is returned
  *  @return 1; 0 when the wait ended without an event, and at once when the mask holds none. */
 TARN_API int tarn_serial_wait_comm_event(TARN_SERIAL port, uint32_t *event_mask);

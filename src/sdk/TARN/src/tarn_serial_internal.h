@@ -56,10 +56,14 @@ bool serial_same_device(const serial_node &a, const serial_node &b);
 
 // ---- tarn_serial_lock.cpp ------------------------------------------------------------------------
 
-/** Lock a device against all other openers; closing the descriptor unlocks it.
+/** Lock a device against all other openers, until serial_unlock() or the end of all processes that
+ *  have the descriptor.
  *  @param port  for the log
  *  @return empty when it is locked already or cannot be locked; logged. */
 unique_fd serial_lock(const char *node, const char *port);
+
+/** Unlock a device and close the descriptor; -1 is ignored. */
+void serial_unlock(int fd);
 
 // ---- tarn_serial_settings.cpp --------------------------------------------------------------------
 

@@ -61,7 +61,7 @@ void release_port(TARN_SERIAL port)
     {
         // The device first: what its close still has to send goes out while no other can open it.
         tarn::close_fd(port->fd);
-        tarn::close_fd(port->lock_fd);
+        tarn::serial_unlock(port->lock_fd);
         tarn_mem_free(port);
     }
 }

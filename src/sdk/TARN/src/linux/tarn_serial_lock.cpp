@@ -55,4 +55,14 @@ unique_fd serial_lock(const char *node, const char *port)
     return unique_fd();
 }
 
+void serial_unlock(int fd)
+{
+    if (fd >= 0)
+    {
+        // The close alone would leave the lock to a child that is between its fork and its exec.
+        (void)::flock(fd, LOCK_UN);
+    }
+    close_fd(fd);
+}
+
 } // namespace tarn
