@@ -611,7 +611,8 @@ TEST(LongForm, GivesCodesValuesAndTextsAndForgetsThem)
 
 // ---- daemon, names, environment --------------------------------------------------------------
 
-/** Becomes a daemon through its command line and runs until its input ends. */
+/** Becomes a daemon through its command line and runs until its input ends. args: lock name; any
+ *  other to begin without standard input. */
 TARN_TEST_ROLE(become_daemon)
 {
     const int report = ::dup(STDOUT_FILENO);
@@ -620,6 +621,10 @@ TARN_TEST_ROLE(become_daemon)
     char option[] = "-d";
     char *argv[] = {prog, option, nullptr};
     std::printf("in the buffer, daemon %d\n", tarn_process_is_daemon());
+    if (args.size() > 1)
+    {
+        ::close(STDIN_FILENO);
+    }
     const int rc = tarn_process_parse_cmdline(2, argv, args[0].c_str(), "", "", true, nullptr);
     ::dprintf(report, "%d %d %s\n", rc, tarn_process_is_daemon(),
               std::filesystem::current_path().c_str());
@@ -629,18 +634,23 @@ TARN_TEST_ROLE(become_daemon)
 
 TEST(Daemon, KeepsItsLockAndLosesNothing)
 {
-    const lock_name lock;
-    child_process child = child_process::role("become_daemon", {lock.name});
-    EXPECT_EQ(child.read_line(), "in the buffer, daemon 0");
-    EXPECT_EQ(child.read_line(), "0 1 /");
-    EXPECT_EQ(child.wait(), 0); // the starter
-    support::log_capture log;
-    EXPECT_EQ(tarn_process_is_first_instance(lock.name.c_str()), 0);
-    EXPECT_TRUE(log.contains("another instance is running with name " + lock.name));
-    child.close_input();
-    EXPECT_EQ(child.read_rest(), "");
-    child_process next = child_process::role("instance", {lock.name});
-    EXPECT_EQ(next.read_line(), "1");
+    for (const bool without_input : {false, true})
+    {
+        const lock_name lock;
+        std::vector<std::string> args = {lock.name, "without input"};
+        args.resize(without_input ? 2 : 1);
+        child_process child = child_process::role("become_daemon", args);
+        EXPECT_EQ(child.read_line(), "in the buffer, daemon 0");
+        EXPECT_EQ(child.read_line(), "0 1 /");
+        EXPECT_EQ(child.wait(), 0); // the starter
+        support::log_capture log;
+        EXPECT_EQ(tarn_process_is_first_instance(lock.name.c_str()), 0);
+        EXPECT_TRUE(log.contains("another instance is running with name " + lock.name));
+        child.close_input();
+        EXPECT_EQ(child.read_rest(), "");
+        child_process next = child_process::role("instance", {lock.name});
+        EXPECT_EQ(next.read_line(), "1");
+    }
 }
 
 TEST(Process, NamesVersionAndEnvironment)

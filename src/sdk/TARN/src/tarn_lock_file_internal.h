@@ -13,8 +13,9 @@ namespace tarn
  *  a regular file with no second name. A file that another user left unreadable is taken over when
  *  the process may do that. The file is never removed: a second process could then lock a new one
  *  while the old one is still held.
- *  @return the descriptor, close-on-exec; empty on failure, with errno (EINVAL for what is no such
- *          file). */
+ *  @return the descriptor, close-on-exec, and none of the numbers of the standard streams, which
+ *          daemon(3) would replace, and so unlock; empty on failure, with errno (EINVAL for what is
+ *          no such file). */
 unique_fd open_lock_file(const char *path);
 
 } // namespace tarn

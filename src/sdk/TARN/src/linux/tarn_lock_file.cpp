@@ -81,6 +81,10 @@ unique_fd open_lock_file(const char *path)
         take_over(path);
         fd = open_or_create(path);
     }
+    if (fd && fd.get() <= STDERR_FILENO) // the process was started without standard streams
+    {
+        fd.reset(::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    }
     return fd;
 }
 
