@@ -63,12 +63,15 @@ void feed(const serial_pty &pty, std::string_view bytes)
     ASSERT_EQ(::write(pty.master(), bytes.data(), bytes.size()), ssize_t(bytes.size()));
 }
 
-/** Opens the port it is given, says how that went, and holds it until its input ends. */
+/** Opens the port it is given, says how that went, and holds it until its input ends. Is the first
+ *  process of a session, as daemons are. */
 TARN_TEST_ROLE(serial_holder)
 {
+    EXPECT_GT(::setsid(), 0);
     const support::layer layer;
     const serial_owner port = open_port(args.at(0));
-    std::puts(port ? "holds it" : "refused");
+    const tarn::unique_fd terminal(::open("/dev/tty", O_RDWR | O_CLOEXEC));
+    std::puts(!port ? "refused" : terminal ? "is controlled by it" : "holds it");
     std::fflush(stdout);
     (void)std::getchar();
     return 0;
@@ -120,12 +123,27 @@ TEST_F(Serial, EveryNameOfADeviceIsOnePort)
     log_capture log;
     EXPECT_FALSE(open_port(too_many));
     EXPECT_FALSE(open_port(link_to(dir, "long", padded(node, 257))));
+    EXPECT_FALSE(open_port(link_to(dir, "far", std::string(250, 'x'))));
     EXPECT_FALSE(open_port(link_to(dir, "loop", "loop")));
-    EXPECT_EQ(log.count("failed to open port " + dir.path()), 3u);
+    EXPECT_EQ(log.count("failed to open port " + dir.path()), 4u);
     expect_check("RVON(port,TARN_INVALID_HANDLE)");
     expect_check("RVOF(tarn_str_len(port) <= tarn::serial_name_max,TARN_INVALID_HANDLE)");
     EXPECT_FALSE(open_port(padded(node, 257)));
     EXPECT_EQ(tarn_serial_open(nullptr, 9600, 8, 1, 0), nullptr);
+}
+
+TEST_F(Serial, NodesOfOneDeviceAreTheSame)
+{
+    const uint64_t uart = 4u << 8 | 64u;
+    const uint64_t terminal = 136u << 8;
+    using tarn::serial_same_device;
+    EXPECT_TRUE(serial_same_device({"/dev/ttyS0", 5, uart}, {"/jail/ttyS0", 6, uart}));
+    EXPECT_FALSE(serial_same_device({"/dev/ttyS0", 5, uart}, {"/dev/ttyS0", 5, uart + 1}));
+    EXPECT_TRUE(serial_same_device({"/dev/pts/0", 5, terminal}, {"/pts/0", 5, terminal}));
+    EXPECT_FALSE(serial_same_device({"/dev/pts/0", 5, terminal}, {"/jail/pts/0", 6, terminal}))
+        << "each instance of their file system numbers them anew";
+    EXPECT_TRUE(serial_same_device({"/gone", 0, 0}, {"/gone", 0, 0}));
+    EXPECT_FALSE(serial_same_device({"/gone", 0, 0}, {"/lost", 0, 0}));
 }
 
 TEST_F(Serial, LockFileIsNamedAfterTheDeviceAndForEveryone)
@@ -367,6 +385,26 @@ TEST_F(Serial, FailedReadStoresNothing)
     EXPECT_EQ(log.count(head + "select failed, error = 9"), 2u);
     feed(pty, "abc");
     EXPECT_EQ(read_port(port, 30), (read_result{1, "abc"}));
+
+    int ends[2]; // a hang-up counts as ready, though poll() does not call it that
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    ::close(ends[1]);
+    port->fd = ends[0];
+    EXPECT_EQ(read_port(port, 30), (read_result{1, ""}));
+    port->fd = fd;
+    ::close(ends[0]);
+
+    const support::serial_seam seam; // another process took what was there
+    tarn::serial_os.read = [](int, void *, size_t) {
+        static int calls = 0;
+        errno = ++calls == 1 ? EINTR : EAGAIN;
+        return ptrdiff_t{-1};
+    };
+    feed(pty, "abc");
+    log.clear();
+    EXPECT_EQ(read_port(port, 30), (read_result{1, ""}));
+    EXPECT_EQ(read_port(port, 30), (read_result{1, ""}));
+    EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_F(Serial, DescriptorsAbove1023Work)
@@ -429,10 +467,13 @@ TEST_F(Serial, DeviceThatTakesNoByteIsTriedForAMinute)
     const serial_owner port = pty.open();
     const support::serial_seam seam;
     tarn::serial_os.write = reluctant_write;
-    zero_writes = 5;
-    ms_per_zero = 11000;
-    EXPECT_EQ(tarn_serial_write(port.get(), "abc", 3), 0) << "after 55 seconds";
+    zero_writes = 50;
+    ms_per_zero = 1100;
+    const double waited = support::elapsed_ms(
+        [&] { EXPECT_EQ(tarn_serial_write(port.get(), "abc", 3), 0) << "after 55 seconds"; });
+    EXPECT_GE(waited, 50) << "it sleeps in between";
     zero_writes = 100;
+    ms_per_zero = 11000;
     EXPECT_EQ(tarn_serial_write(port.get(), "abc", 3), -1);
     EXPECT_EQ(zero_writes, 94) << "the sixth came after 66 seconds";
     tarn::tick_ms_offset = 0;
@@ -452,15 +493,26 @@ TEST_F(Serial, PurgeDropsWhatItIsAskedTo)
     EXPECT_EQ(tarn_serial_purge(port.get(), false, false), -1);
     EXPECT_EQ(tarn_serial_purge(port.get(), false, true), 0);
     EXPECT_EQ(read_port(port.get(), 30), (read_result{1, "old"}));
-    for (const bool transmit : {false, true})
+    feed(pty, "old");
+    EXPECT_TRUE(support::wait_until([&] { // what is still under way to the terminal would stay
+        int there = 0;
+        return ::ioctl(port.get()->fd, FIONREAD, &there) == 0 && there == 3;
+    }));
+    EXPECT_EQ(tarn_serial_purge(port.get(), true, false), 0);
+    EXPECT_EQ(read_port(port.get(), 30), (read_result{0, ""}));
+
+    int on = 1; // the master is told what was dropped
+    ASSERT_EQ(::ioctl(pty.master(), TIOCPKT, &on), 0);
+    ASSERT_EQ(::fcntl(pty.master(), F_SETFL, O_NONBLOCK), 0);
+    for (const int dropped :
+         {TIOCPKT_FLUSHREAD, TIOCPKT_FLUSHWRITE, TIOCPKT_FLUSHREAD | TIOCPKT_FLUSHWRITE})
     {
-        feed(pty, "old");
-        EXPECT_TRUE(support::wait_until([&] { // what is still under way to the terminal would stay
-            int there = 0;
-            return ::ioctl(port.get()->fd, FIONREAD, &there) == 0 && there == 3;
-        }));
-        EXPECT_EQ(tarn_serial_purge(port.get(), true, transmit), 0);
-        EXPECT_EQ(read_port(port.get(), 30), (read_result{0, ""}));
+        EXPECT_EQ(tarn_serial_purge(port.get(), (dropped & TIOCPKT_FLUSHREAD) != 0,
+                                    (dropped & TIOCPKT_FLUSHWRITE) != 0),
+                  0);
+        char status = 0;
+        EXPECT_EQ(::read(pty.master(), &status, 1), 1);
+        EXPECT_EQ(status, dropped);
     }
     expect_check("RVON(port,TARN_ERRLN)");
     EXPECT_LT(tarn_serial_purge(nullptr, true, true), 0);
@@ -480,6 +532,9 @@ TEST_F(Serial, DeviceThatDisappearsFailsEveryCall)
     EXPECT_TRUE(last.bytes.empty() || last.bytes == "last");
     EXPECT_EQ(read_port(port.get(), 30), (read_result{1, ""}));
     EXPECT_EQ(tarn_serial_write(port.get(), "x", 1), -1);
+    EXPECT_EQ(tarn_serial_flush(port.get()), -1);
+    EXPECT_EQ(tarn_serial_purge(port.get(), true, true), -1);
+    EXPECT_EQ(tarn_serial_set_stopbits(port.get(), 2), -1);
     log_capture log;
     EXPECT_EQ(tarn_serial_reopen(port.get()), -1);
     EXPECT_TRUE(log.contains("error", "failed to open port " + pty.slave_name()));

@@ -125,6 +125,23 @@ TEST_F(SerialSettings, CustomRateOfTheOpeningReturnsAfterEverySetter)
     }
 }
 
+TEST_F(SerialSettings, CustomRateReplacesBothRatesAndNothingElse)
+{
+    const support::serial_seam seam;
+    static termios2 held;
+    held = {};
+    held.c_cflag = CS7 | B9600 | B300 << 16; // 300 for input
+    tarn::serial_os.ioctl = [](int, unsigned long request, void *settings) {
+        auto *const given = static_cast<termios2 *>(settings);
+        (request == TCSETS2 ? held : *given) = request == TCSETS2 ? *given : held;
+        return 0;
+    };
+    EXPECT_EQ(tarn::set_custom_baudrate(0, 12345), 0);
+    EXPECT_EQ(held.c_cflag, CS7 | custom_speed);
+    EXPECT_EQ(held.c_ispeed, 12345u);
+    EXPECT_EQ(held.c_ospeed, 12345u);
+}
+
 TEST_F(SerialSettings, CustomRateOnAPortOpenedAtATableRateStaysUntilTheNext)
 {
     const serial_pty pty;
@@ -171,6 +188,7 @@ TEST_F(SerialSettings, EverySizeAndParityReachesTheDevice)
     for (const int none : {0, 5, -1})
     {
         EXPECT_EQ(tarn_serial_set_parity(port, 2), 0);
+        support::kept.settings.c_iflag |= INPCK;
         EXPECT_EQ(tarn_serial_set_parity(port, none), 0);
         EXPECT_EQ(device.settings().c_cflag & PARENB, 0u) << none;
         EXPECT_EQ(device.settings().c_iflag & (IGNPAR | INPCK), unsigned{IGNPAR}) << none;
@@ -184,7 +202,7 @@ TEST_F(SerialSettings, EverySizeAndParityReachesTheDevice)
 TEST_F(SerialSettings, OpeningReplacesWhatTheDeviceHad)
 {
     const support::line_device device(false);
-    support::kept.settings.c_cflag = CRTSCTS | CSTOPB | CS5 | PARENB;
+    support::kept.settings.c_cflag = CRTSCTS | CSTOPB | CS5 | PARENB | B300 << 16; // for input
     support::kept.settings.c_iflag = INPCK | IXON | ICRNL;
     EXPECT_TRUE(tarn::serial_configure(device.port(), 7, 1, TARN_SERIAL_PARITY_MARK));
     EXPECT_EQ(support::kept.settings.c_cflag & ~unsigned{CBAUD},

@@ -37,6 +37,7 @@ struct serial_system
     int (*ioctl)(int fd, unsigned long request, void *argument);
     int (*tcgetattr)(int fd, termios *settings);
     int (*tcsetattr)(int fd, int when, const termios *settings);
+    ptrdiff_t (*read)(int fd, void *buffer, size_t len);
     ptrdiff_t (*write)(int fd, const void *bytes, size_t len);
 };
 extern serial_system serial_os;

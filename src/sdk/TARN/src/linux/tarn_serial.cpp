@@ -39,7 +39,7 @@ int call_ioctl(int fd, unsigned long request, void *argument)
 
 } // namespace
 
-constinit serial_system serial_os = {call_ioctl, ::tcgetattr, ::tcsetattr, ::write};
+constinit serial_system serial_os = {call_ioctl, ::tcgetattr, ::tcsetattr, ::read, ::write};
 
 } // namespace tarn
 
@@ -196,8 +196,8 @@ int fill_buffer(TARN_SERIAL port)
     {
         return ready;
     }
-    const ssize_t n =
-        tarn::retry_eintr([port] { return ::read(port->fd, port->buffer, sizeof port->buffer); });
+    const ptrdiff_t n = tarn::retry_eintr(
+        [port] { return tarn::serial_os.read(port->fd, port->buffer, sizeof port->buffer); });
     if (n < 0 && errno != EAGAIN)
     {
         TARN_LOG_ERROR("[%s] read failed, error = %d", port->port, errno);
