@@ -118,8 +118,8 @@ TARN_API bool tarn_process_setenv(const char *name, const char *value, bool over
 TARN_API bool tarn_process_clearenv(void);
 
 /** The process watchdog (tarn_wdt_set_timeout() and so on in tarn_sys.h): register with a time-out in
- *  seconds, kick, and take the process out again.
- *  @return set_timeout, disable: 0; TARN_ERRLN when the watchdog refuses or there is none. */
+ *  seconds, kick, and take the process out again. Registering and taking out give 0, or TARN_ERRLN
+ *  when the watchdog refuses or there is none. */
 TARN_API int tarn_process_wdt_set_timeout(uint32_t seconds);
 TARN_API void tarn_process_wdt_kick(void);
 TARN_API int tarn_process_wdt_disable(void);
