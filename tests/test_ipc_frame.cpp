@@ -153,6 +153,31 @@ TEST(IpcFrame, ABadFrameIsDroppedAndTheNextOneFound)
     }
 }
 
+TEST(IpcFrame, PayloadsAreCutAtEachByte)
+{
+    // A function, a word, two texts, the terminator.
+    const auto text = [](const std::string &of) {
+        return '\x0F' + big(static_cast<uint32_t>(of.size())) + of;
+    };
+    const std::string whole = big(7) + big(1) + text("k") + text("abc") + '\0';
+    const size_t first_text = 8 + text("k").size();
+    for (size_t n = 0; n < whole.size(); ++n)
+    {
+        machine m;
+        const support::log_capture log;
+        m.feed(raw_frame(4, whole.substr(0, n)) + post(2, "x"));
+        ASSERT_FALSE(m.seen.empty()) << n;
+        EXPECT_EQ(m.seen.back(), "2:x") << n;
+        // One byte may be the terminator, which is not asked for.
+        const bool is_whole = n == 8 || n == 9 || n == first_text || n == whole.size() - 1;
+        EXPECT_EQ(m.seen.size(), is_whole ? 2u : 1u) << n;
+        const char *const line = n < 4   ? "< func_id size"
+                                 : n < 8 ? "< args_out_from_caller size"
+                                         : "fail to extract args_in";
+        EXPECT_EQ(log.contains(line), !is_whole) << n;
+    }
+}
+
 TEST(IpcFrame, MemoryIsTakenForTheLengthAndKeptForTheNextFrame)
 {
     machine m;

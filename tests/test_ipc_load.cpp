@@ -6,7 +6,9 @@
 #include "tarn_event.h"
 #include "tarn_sys.h"
 
+#include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <thread>
 #include <vector>
 
@@ -47,6 +49,25 @@ struct gate
         (void)tarn_event_set(event);
     }
 };
+
+/** Bring one more handler of func_id 1 into the gate. A post is lost while the pool counts as full,
+ *  and a thread that has answered counts until it has left its handler: then it is sent again. */
+bool post_into(const gate &closed, TARN_IPC conn, int wanted)
+{
+    const support::log_capture log;
+    const auto post = [conn] { return tarn_ipc_call(conn, 1, nullptr, nullptr, nullptr) == 0; };
+    size_t refused = 0;
+    return post() && wait_until(
+                         [&] {
+                             if (log.count("start request handler for post message") > refused)
+                             {
+                                 ++refused;
+                                 (void)post();
+                             }
+                             return closed.inside == wanted;
+                         },
+                         60000);
+}
 
 int32_t ask(TARN_IPC conn, uint32_t func_id, int32_t *ret)
 {
@@ -96,6 +117,15 @@ std::string frame(uint8_t seq_num, uint8_t cmd, uint32_t func_id, bool wants_out
     const std::string payload = big(func_id) + big(wants_out ? 1 : 0) + rest + '\0';
     return "STX" + std::string{static_cast<char>(seq_num), static_cast<char>(cmd)} +
            big(static_cast<uint32_t>(payload.size())) + payload + "ETX";
+}
+
+/** Memory of this process. */
+size_t resident_bytes()
+{
+    size_t pages = 0;
+    size_t resident = 0;
+    std::ifstream("/proc/self/statm") >> pages >> resident;
+    return resident * 4096;
 }
 
 TARN_TEST_ROLE(echo_server)
@@ -233,16 +263,15 @@ TEST(IpcLoad, AFullPoolRefusesAndRecovers)
     {
         const ipc_owner server(side.serve(name));
         const ipc_owner client(client_side.open(name, unique_name("c")));
+        const tarn::scope_exit let_go([&] { closed.open(); });
         int32_t ret = 0;
-        for (int i = 0; i < 255; ++i)
+        for (int i = 1; i <= 255; ++i)
         {
-            EXPECT_EQ(tarn_ipc_call(client.get(), 1, nullptr, nullptr, nullptr), 0);
+            ASSERT_TRUE(post_into(closed, client.get(), i));
         }
-        ASSERT_TRUE(wait_until([&] { return closed.inside == 255; }, 60000));
-        EXPECT_EQ(ask(client.get(), 2, &ret),
-                  0); // one thread is free: fast ones pass the slow ones
-        EXPECT_EQ(tarn_ipc_call(client.get(), 1, nullptr, nullptr, nullptr), 0);
-        ASSERT_TRUE(wait_until([&] { return closed.inside == 256; }, 60000));
+        // One thread is free: fast ones pass the slow ones.
+        EXPECT_EQ(ask(client.get(), 2, &ret), 0);
+        ASSERT_TRUE(post_into(closed, client.get(), 256));
         {
             const support::log_capture log;
             EXPECT_EQ(ask(client.get(), 2, &ret), -213);
@@ -335,6 +364,7 @@ TEST(IpcEnds, AClientIsDestroyedInsideItsCallbacks)
         EXPECT_TRUE(wait_until([&] { return second.disconnected == 1; }));
         ipc_side third; // on a handler's thread, while another handler runs and a call waits
         gate closed;
+        const tarn::scope_exit let_go([&] { closed.open(); });
         third.on_call = [&](TARN_IPC conn, uint32_t func_id, TARN_DATA, TARN_DATA *) {
             if (func_id == 1)
             {
@@ -362,6 +392,46 @@ TEST(IpcEnds, AClientIsDestroyedInsideItsCallbacks)
     }
 }
 
+TEST(IpcEnds, AClientIsDestroyedByAnotherThreadUnderCallsAndHandlers)
+{
+    const support::leak_checked_layer layer;
+    const std::string name = unique_name("server");
+    gate closed;
+    ipc_side side;
+    std::atomic<TARN_IPC> incoming{nullptr};
+    side.on_connected = [&](TARN_IPC conn) { incoming = conn; };
+    side.on_call = [&](TARN_IPC, uint32_t, TARN_DATA, TARN_DATA *) {
+        closed.pass();
+        return 0;
+    };
+    ipc_side client_side;
+    std::atomic<int> running{0};
+    client_side.on_call = [&](TARN_IPC, uint32_t, TARN_DATA, TARN_DATA *) {
+        ++running;
+        tarn_sleep_ms(100);
+        --running;
+        return 0;
+    };
+    const ipc_owner server(side.serve(name));
+    ipc_owner client(client_side.open(name, unique_name("c")));
+    const tarn::scope_exit let_go([&] { closed.open(); });
+    ASSERT_TRUE(wait_until([&] { return incoming != nullptr; }));
+    std::thread destroyer([&] {
+        EXPECT_TRUE(wait_until([&] { return closed.inside == 8; }));
+        EXPECT_EQ(tarn_ipc_call(incoming, 1, nullptr, nullptr, nullptr), 0);
+        EXPECT_TRUE(wait_until([&] { return running == 1; }));
+        client.reset();
+        EXPECT_EQ(running, 0); // it has waited
+        EXPECT_EQ(client_side.disconnected, 1);
+    });
+    TARN_IPC const conn = client.get();
+    run_threads(8, [&](int) {
+        int32_t ret = 0;
+        EXPECT_EQ(ask(conn, 1, &ret), -213);
+    });
+    destroyer.join();
+}
+
 TEST(IpcEnds, AServerIsDestroyedInsideItsCallbacks)
 {
     const support::leak_checked_layer layer;
@@ -376,6 +446,8 @@ TEST(IpcEnds, AServerIsDestroyedInsideItsCallbacks)
             {
                 EXPECT_TRUE(wait_until([&] { return server != nullptr; }));
                 EXPECT_EQ(tarn_ipc_destroy(server), 1);
+                ipc_side next;
+                EXPECT_TRUE(ipc_owner(next.serve(name))) << "the name is free at once";
                 ++destroyed;
             }
         };
@@ -510,6 +582,7 @@ TEST(IpcHostile, APeerThatFloodsWithoutReadingHoldsUpNobodyElse)
             }
             refused = true;
         });
+        const size_t before = resident_bytes();
         int served = 0;
         while (!refused)
         {
@@ -519,6 +592,10 @@ TEST(IpcHostile, APeerThatFloodsWithoutReadingHoldsUpNobodyElse)
         }
         flooding.join();
         EXPECT_GT(served, 10);
+        if (!support::with_sanitizer)
+        {
+            EXPECT_LT(resident_bytes() - std::min(before, resident_bytes()), size_t{64} << 20);
+        }
         EXPECT_TRUE(wait_until([&] { return side.disconnected == 1; }));
     }
 }

@@ -475,9 +475,9 @@ void ipc_response_handler(ipc_conn *conn, frame_owner frame)
         TARN_LOG_TRACE("[%p:%p:%s:%s] buffer without return value", ipc_p(svr), ipc_p(conn),
                        conn->callee, conn->caller_text);
     }
+    const std::span<const uint8_t> payload(ipc_payload(frame.get()), data_len);
     TARN_DATA args_out = TARN_INVALID_HANDLE;
-    if (has_ret &&
-        !ipc_read_args({ipc_payload(frame.get()) + in.position(), in.remaining()}, &args_out))
+    if (!ipc_read_args(payload.subspan(has_ret ? ipc_payload_head : sizeof func_id), &args_out))
     {
         TARN_LOG_TRACE("[%p:%p:%s:%s] fail to extract args_out, data_len = [%d]", ipc_p(svr),
                        ipc_p(conn), conn->callee, conn->caller_text, static_cast<int>(data_len));

@@ -2,9 +2,10 @@
 //
 // Frames pass through a short queue. A frame is let in only while there are fewer frames waiting or
 // being handled than threads, so each has a thread to itself and no handler waits for another one;
-// while the queue is full but a thread is free, the receiving thread waits for its turn. A thread that is done looks for the next frame before it goes back to the pool; and of the threads
-// that are being woken there is one at a time, which wakes the next when it finds more than one
-// frame. So a burst of short handlers costs a wake-up or two instead of one per frame.
+// while the queue is full but a thread is free, the receiving thread waits for its turn. A thread
+// that is done looks for the next frame before it goes back to the pool; and of the threads that are
+// being woken there is one at a time, which wakes the next when it finds more than one frame. So a
+// burst of short handlers costs a wake-up or two instead of one per frame.
 
 #include "tarn_ipc_internal.h"
 #include "tarn_modules.h"
@@ -42,8 +43,8 @@ void *worker_proc(void *, void *);
 
 constexpr uint32_t queue_size = 64;
 /** A frame before a full queue counts as refused after that long: the threads that are free cannot
- *  be had. */
-constexpr std::chrono::milliseconds queue_limit{100};
+ *  be had. Long enough for a busy machine, where a post that is refused would be lost. */
+constexpr std::chrono::milliseconds queue_limit{1000};
 
 /** All threads run handlers, or there are none. */
 bool is_full()

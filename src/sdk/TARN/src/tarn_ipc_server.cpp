@@ -187,6 +187,11 @@ void accept_one(ipc_server *svr, tarn::socket_owner sock, const char *caller)
 
 void serve_one(ipc_server *svr)
 {
+    if (is_closing(svr))
+    {
+        (void)tarn_thread_sleep(100); // until the stop
+        return;
+    }
     char caller[4096] = "";
     tarn::socket_owner sock(
         tarn_socket_accept_local(svr->sock, caller, sizeof caller, tarn::ipc_limit.accept_ms));
@@ -194,11 +199,7 @@ void serve_one(ipc_server *svr)
     {
         accept_one(svr, std::move(sock), caller);
     }
-    else if (is_closing(svr))
-    {
-        (void)tarn_thread_sleep(100); // until the stop
-    }
-    else
+    else if (!is_closing(svr))
     {
         tarn::ipc_server_remove_inactive_connection(svr);
     }
@@ -338,6 +339,9 @@ int ipc_server_destroy(ipc_server *svr)
     }
     (void)tarn_socket_shutdown(svr->sock); // ends an accept that waits
     stop_thread(svr);
+    // Here and not with the last reference: the name is free when this returns. Where the server
+    // thread itself has led here, it is inside a callback, and accepts no more.
+    tarn_socket_destroy(std::exchange(svr->sock, nullptr));
     while (ipc_conn *const conn = pop_conn(svr))
     {
         ipc_conn_destroy(conn);
