@@ -26,6 +26,22 @@ inline void destroy_heap(TARN_SHMX heap)
 }
 using heap_owner = tarn::unique_handle<TARN_SHMX, destroy_heap>;
 
+/** Times that a test does not want to wait out; the usual ones afterwards. */
+class shmx_times
+{
+public:
+    explicit shmx_times(const tarn::shmx_limits &limits)
+    {
+        tarn::shmx_limit = limits;
+    }
+    shmx_times(const shmx_times &) = delete;
+    shmx_times &operator=(const shmx_times &) = delete;
+    ~shmx_times()
+    {
+        tarn::shmx_limit = tarn::shmx_limits();
+    }
+};
+
 inline uint32_t raw_block_offset(TARN_SHMX heap, const void *ptr)
 {
     return tarn_shmx_ptr_to_offset(heap, ptr) - 28;

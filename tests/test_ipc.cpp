@@ -512,13 +512,14 @@ TEST(IpcProcesses, CallersReturnWhenTheServerIsKilled)
     int32_t ret = 0;
     EXPECT_EQ(call_text(client.get(), 1, "alive", &ret), "alive"); // slow calls hold up no fast one
     server.signal(SIGKILL);
+    // Within a second where the machine is idle, and not after the 30 s of a call.
     EXPECT_LT(support::elapsed_ms([&] {
                   for (std::thread &thread : threads)
                   {
                       thread.join();
                   }
               }),
-              1000);
+              10000);
     EXPECT_EQ(lost, 8);
     EXPECT_TRUE(wait_until([&] { return side.disconnected == 1; }));
     support::expect_check("RVOF(tarn::ipc_load(c->status) == tarn::ipc_connected,-4)");

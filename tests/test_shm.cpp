@@ -233,6 +233,47 @@ TEST_F(Shm, ReplacesStaleFilesButNotAttachedSegments)
     ::unlink(path_.c_str());
 }
 
+TEST_F(Shm, StaleSegmentsOfEverySizeAreReplaced)
+{
+    log_capture log;
+    // A file's key is made of its inode, and these mostly count up: leave segments of other sizes
+    // where the next files' keys will be.
+    support::write_file(path_, "x");
+    struct stat file
+    {
+    };
+    ASSERT_EQ(::stat(path_.c_str(), &file), 0);
+    const uint32_t sizes[] = {1, 5000, 5001, 5002, 9000, 1u << 20};
+    std::vector<int> stale;
+    for (uint32_t next = 1; next <= 60; ++next)
+    {
+        const auto key = static_cast<key_t>((file.st_ino + next) & 0xFFFF) |
+                         static_cast<key_t>((file.st_dev & 0xFF) << 16) | (82 << 24);
+        const int id = ::shmget(key, sizes[next % std::size(sizes)], IPC_CREAT | IPC_EXCL | 0600);
+        if (id >= 0)
+        {
+            stale.push_back(id);
+        }
+    }
+    for (int i = 0; i < 6; ++i)
+    {
+        const shm_owner made(tarn_shm_create(name_.c_str(), 5000));
+        ASSERT_TRUE(made);
+        struct shmid_ds status
+        {
+        };
+        ASSERT_EQ(::shmctl(segment_of(path_), IPC_STAT, &status), 0);
+        EXPECT_EQ(status.shm_segsz, 5001u);
+        EXPECT_EQ(status.shm_nattch, 1u);
+        const shm_owner opened(tarn_shm_open(name_.c_str()));
+        EXPECT_TRUE(opened);
+    }
+    for (const int id : stale)
+    {
+        (void)::shmctl(id, IPC_RMID, nullptr);
+    }
+}
+
 // ---- several processes --------------------------------------------------------------------------
 
 /** Creates NAME, says so, and lives until its input ends. */

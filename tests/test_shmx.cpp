@@ -262,6 +262,42 @@ TEST_F(Shmx, ThreadsOfTheCreatorShareTheHeap)
     EXPECT_EQ(used_blocks(heap.get(), 0), 0u);
 }
 
+TEST_F(Shmx, GateLetsOneThreadInWhoeverIsFavoured)
+{
+    const int rounds = support::with_sanitizer ? 2000 : 20000;
+    tarn::shmx_gate_words words{};
+    words.can_barrier = tarn::shmx_allow_barrier() ? 1 : 0;
+    int count = 0; // guarded by the gate
+    const auto work = [&](bool serves) {
+        if (serves)
+        {
+            tarn::shmx_store(words.server, tarn::shmx_thread_id());
+        }
+        for (int i = 0; i < rounds; ++i)
+        {
+            const tarn::shmx_gate gate(&words);
+            ++count;
+        }
+    };
+    work(false);
+    EXPECT_EQ(words.favoured,
+              words.can_barrier != 0 ? tarn::shmx_thread_id() : tarn::shmx_no_favourite);
+    std::thread server(work, true);
+    work(false);
+    server.join();
+    EXPECT_EQ(count, 3 * rounds);
+    EXPECT_EQ(words.favoured,
+              words.can_barrier != 0 ? tarn::shmx_thread_id() : tarn::shmx_no_favourite);
+    std::thread serving(work, true);
+    std::thread other(work, false); // ends the favour under way
+    work(false);
+    serving.join();
+    other.join();
+    EXPECT_EQ(count, 6 * rounds);
+    EXPECT_EQ(words.favoured, tarn::shmx_no_favourite);
+    EXPECT_EQ(words.inside + words.taken, 0u);
+}
+
 TEST_F(Shmx, FailingAllocationsLeaveNothingBehind)
 {
     const support::leak_check leaks;
@@ -419,7 +455,7 @@ TEST_F(Shmx, BusySlotsFailAllocationsAtOnce)
     }
     EXPECT_LT(
         support::elapsed_ms([&] { EXPECT_EQ(tarn_shmx_blk_alloc(visitor.get(), 10), nullptr); }),
-        1000.0);
+        5000.0);
     void *block = tarn_shmx_blk_alloc(heap.get(), 10);
     std::thread release([&] {
         ASSERT_FALSE(log.wait_for("already freed", 50));
@@ -437,6 +473,7 @@ TEST_F(Shmx, BusySlotsFailAllocationsAtOnce)
 
 TEST_F(Shmx, ServedAnswersThatNobodyCollectsAreTakenBack)
 {
+    const shmx_times times({.served_ms = 500});
     log_capture log;
     const heap_owner heap(tarn_shmx_create(name_.c_str(), 1 << 16, 0, 2));
     tarn::shmx_request_slot &slot = heap.get()->view.header->slots[7];
@@ -448,11 +485,146 @@ TEST_F(Shmx, ServedAnswersThatNobodyCollectsAreTakenBack)
     EXPECT_EQ(used_blocks(heap.get(), 2), 1u);
     EXPECT_NE(tarn::shmx_load(slot.offset), 0u);
     EXPECT_NE(tarn::shmx_load(slot.tick), 0u);
-    EXPECT_FALSE(support::wait_until([&] { return tarn::shmx_load(slot.state) == 0; }, 4000));
-    ASSERT_TRUE(support::wait_until([&] { return tarn::shmx_load(slot.state) == 0; }, 5000));
+    EXPECT_FALSE(support::wait_until([&] { return tarn::shmx_load(slot.state) == 0; }, 300));
+    ASSERT_TRUE(support::wait_until([&] { return tarn::shmx_load(slot.state) == 0; }));
     EXPECT_EQ(used_blocks(heap.get(), 2), 0u) << "the block went back";
     EXPECT_EQ(tarn::shmx_load(slot.offset), 0u);
     EXPECT_EQ(check_heap(heap.get()), "");
+}
+
+TEST_F(Shmx, SlotsThatAVisitorKeepsForEverComeBack)
+{
+    const shmx_times times({.stuck_ms = 500});
+    const heap_owner heap(tarn_shmx_create(name_.c_str(), 1 << 16, 0, 2));
+    tarn::shmx_request_slot &slot = heap.get()->view.header->slots[3];
+    for (const uint8_t state : std::initializer_list<uint8_t>{1, 3, 5, 77})
+    {
+        tarn::shmx_store(slot.state, state); // of nobody who could be found dead
+        EXPECT_TRUE(support::wait_until([&] { return tarn::shmx_load(slot.state) == 0; }));
+    }
+}
+
+/** The creator's side of a slot, by hand. */
+class hand_served
+{
+public:
+    hand_served(TARN_SHMX heap, size_t index) : slot_(heap->view.header->slots[index])
+    {
+        if (heap->thread != nullptr)
+        {
+            tarn_thread_stop(std::exchange(heap->thread, nullptr));
+        }
+    }
+    bool is_posted() const
+    {
+        return support::wait_until([this] { return tarn::shmx_load(slot_.state) == 2; });
+    }
+    void answer(uint8_t state, uint32_t user_id, uint32_t size, uint32_t offset) const
+    {
+        tarn::shmx_store(slot_.state, 3);
+        tarn::shmx_store(slot_.user_id, user_id);
+        tarn::shmx_store(slot_.size, size);
+        tarn::shmx_store(slot_.offset, offset);
+        tarn::shmx_store(slot_.state, state, std::memory_order_release);
+    }
+    tarn::shmx_request_slot &slot() const
+    {
+        return slot_;
+    }
+
+private:
+    tarn::shmx_request_slot &slot_;
+};
+
+TEST_F(Shmx, VisitorTakesNoAnswerButItsOwn)
+{
+    log_capture log;
+    const heap_owner heap(tarn_shmx_create(name_.c_str(), 1 << 16, 0, 2));
+    const heap_owner visitor(tarn_shmx_open(name_.c_str()));
+    const hand_served hand(heap.get(), 0);
+    const uint32_t small = raw_block_offset(heap.get(), tarn_shmx_blk_alloc(heap.get(), 20));
+    const struct
+    {
+        const char *title;
+        uint8_t state;
+        uint32_t user_id;
+        uint32_t size;
+        uint32_t offset;
+        uint8_t left;
+    } cases[] = {{"given up", 0, 0, 0, 0, 0},
+                 {"given up and claimed by another", 1, 0, 0, 0, 1},
+                 {"of another user", 4, 2, 200, small, 4},
+                 {"of another size", 4, 1, 20, small, 4},
+                 {"too small a block", 4, 1, 200, small, 0},
+                 {"no block", 4, 1, 200, 0xFFFFFFF0, 0},
+                 {"an odd place", 4, 1, 200, small + 1, 0}};
+    for (const auto &each : cases)
+    {
+        void *got = &log;
+        std::thread asking([&] { got = tarn_shmx_blk_alloc(visitor.get(), 200); });
+        EXPECT_TRUE(hand.is_posted()) << each.title;
+        hand.answer(each.state, each.user_id, each.size, each.offset);
+        asking.join();
+        EXPECT_EQ(got, nullptr) << each.title;
+        EXPECT_EQ(tarn::shmx_load(hand.slot().state), each.left) << each.title;
+        hand.answer(0, 0, 0, 0);
+    }
+    EXPECT_EQ(log.count("the creator gave no block, size = [200]"), 4u);
+    EXPECT_EQ(log.count("is no block of 200 bytes"), 3u);
+}
+
+TEST_F(Shmx, ARequestThatIsServedTooLateCostsNoBlock)
+{
+    const shmx_times times({.alloc_ms = 200, .free_answer_ms = 200, .served_ms = 100});
+    log_capture log;
+    const heap_owner heap(tarn_shmx_create(name_.c_str(), 1 << 16, 0, 2));
+    const heap_owner visitor(tarn_shmx_open(name_.c_str()));
+    const hand_served hand(heap.get(), 0); // a creator that is too slow
+    EXPECT_EQ(tarn_shmx_blk_alloc(visitor.get(), 40), nullptr);
+    EXPECT_EQ(tarn::shmx_load(hand.slot().state), 2) << "left to the creator";
+    EXPECT_TRUE(support::wait_until([&] {
+        tarn::shmx_serve_requests(heap.get());
+        return tarn::shmx_load(hand.slot().state) == 0;
+    }));
+    EXPECT_EQ(heap.get()->heap.block_count, 1u) << "served";
+    EXPECT_EQ(used_blocks(heap.get(), 1), 0u) << "and taken back";
+    // The same while the visitor frees.
+    void *block = tarn_shmx_blk_alloc(heap.get(), 40);
+    tarn_shmx_blk_free(
+        visitor.get(),
+        tarn_shmx_offset_to_ptr(visitor.get(), tarn_shmx_ptr_to_offset(heap.get(), block)));
+    EXPECT_TRUE(log.contains("error", "failed to request shmx_blk <64>("));
+    EXPECT_TRUE(support::wait_until([&] {
+        tarn::shmx_serve_requests(heap.get());
+        return tarn::shmx_load(hand.slot().state) == 0;
+    }));
+    EXPECT_EQ(used_blocks(heap.get(), 0), 0u);
+    EXPECT_EQ(check_heap(heap.get()), "");
+}
+
+TEST_F(Shmx, CreatorStopsWhileVisitorsAsk)
+{
+    const support::level_scope quiet(TARN_LOG_LEVEL_FATAL);
+    heap_owner heap(tarn_shmx_create(name_.c_str(), 16 << 20, 0, 2));
+    const heap_owner visitor(tarn_shmx_open(name_.c_str()));
+    std::atomic<int> got{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i)
+    {
+        threads.emplace_back([&] {
+            while (void *block = tarn_shmx_blk_alloc(visitor.get(), 40))
+            {
+                std::memset(block, 0x5A, 40);
+                ++got;
+            }
+        });
+    }
+    EXPECT_TRUE(support::wait_until([&] { return got > 30; }));
+    heap.reset();
+    for (std::thread &thread : threads)
+    {
+        thread.join();
+    }
 }
 
 TEST_F(Shmx, RequestsThatAreNoneAreRefused)
@@ -505,8 +677,8 @@ TEST_F(Shmx, VisitorFailsEarlyWhenItsCreatorIsGone)
     heap.reset();
     EXPECT_LT(
         support::elapsed_ms([&] { EXPECT_EQ(tarn_shmx_blk_alloc(visitor.get(), 10), nullptr); }),
-        3000.0);
-    EXPECT_LT(support::elapsed_ms([&] { tarn_shmx_blk_free(visitor.get(), seen); }), 3000.0);
+        8000.0);
+    EXPECT_LT(support::elapsed_ms([&] { tarn_shmx_blk_free(visitor.get(), seen); }), 20000.0);
     EXPECT_TRUE(log.contains("error", "failed to request shmx_blk <64>("));
 }
 
@@ -602,6 +774,43 @@ TEST_F(Shmx, ScribblesDoNotLeadAstray)
     EXPECT_EQ(used_blocks(heap.get(), 0), held.size());
 }
 
+TEST_F(Shmx, ScribblesDoNotLeadAVisitorAstray)
+{
+    const support::level_scope quiet(TARN_LOG_LEVEL_ERROR);
+    log_capture log;
+    const heap_owner heap(tarn_shmx_create(name_.c_str(), 1 << 16, 64, 4));
+    const heap_owner visitor(tarn_shmx_open(name_.c_str()));
+    dice random(12);
+    std::vector<void *> held;
+    auto *data = reinterpret_cast<uint32_t *>(heap.get()->view.data);
+    for (int i = 0; i < (support::with_sanitizer ? 500 : 3000); ++i)
+    {
+        for (int k = 0; k < 8; ++k)
+        {
+            const uint32_t values[] = {0u,  0xFFFFFFFFu,      0x7FFFFFFFu, 1u,
+                                       52u, random() % 70000, random()};
+            tarn::shmx_store(data[random() % 2048], values[random() % 7]);
+        }
+        void *block =
+            random() % 2 ? tarn_shmx_blk_alloc(visitor.get(), 1 + random() % 400) : nullptr;
+        if (block != nullptr)
+        {
+            held.push_back(block);
+        }
+        else if (!held.empty())
+        {
+            std::swap(held[random() % held.size()], held.back());
+            tarn_shmx_blk_free(visitor.get(), held.back());
+            held.pop_back();
+        }
+        char line[200];
+        (void)tarn_shmx_info_print(visitor.get(), line, sizeof line);
+    }
+    EXPECT_TRUE(log.contains("error", "is no block"));
+    EXPECT_LE(used_blocks(heap.get(), 1) + used_blocks(heap.get(), 0),
+              heap.get()->heap.block_count);
+}
+
 // ---- events -------------------------------------------------------------------------------------
 
 TEST_F(Shmx, EventsKeepTheirStateAndTime)
@@ -619,7 +828,7 @@ TEST_F(Shmx, EventsKeepTheirStateAndTime)
     const double waited =
         support::elapsed_ms([&] { EXPECT_FALSE(tarn_shmx_event_wait(heap.get(), automatic, 60)); });
     EXPECT_GE(waited, 60.0);
-    EXPECT_LT(waited, 3000.0);
+    EXPECT_LT(waited, 10000.0);
     EXPECT_STREQ(tarn_shmx_event_name(manual), ("TARNSHMXEVT_" + std::to_string(manual)).c_str());
     EXPECT_TRUE(tarn_shmx_event_destroy(heap.get(), manual));
     EXPECT_TRUE(tarn_shmx_event_destroy(heap.get(), automatic));

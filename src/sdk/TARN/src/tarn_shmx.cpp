@@ -100,6 +100,7 @@ bool start_serving(TARN_SHMX shmx, const char *name)
         TARN_LOG_ERROR("failed to create semaphore object with name [%s]", name);
         return false;
     }
+    shmx->gate.can_barrier = tarn::shmx_allow_barrier() ? 1 : 0;
     if (!tarn::shmx_heap_open(&shmx->heap, shmx->view))
     {
         TARN_LOG_ERROR("cannot allocate memory for share memory extension!");
@@ -338,17 +339,11 @@ bool is_too_large(TARN_SHMX shmx, uint32_t size)
 
 block_offset alloc_cleared(TARN_SHMX shmx, uint32_t size)
 {
-    const block_offset block = tarn::shmx_blk_alloc_by_creator(shmx, size, 0);
+    uint32_t alloc_size = 0;
+    const block_offset block = tarn::shmx_blk_alloc_by_creator(shmx, size, 0, &alloc_size);
     if (block != block_offset::none)
     {
-        clear_data(shmx->view, block, tarn::shmx_fit_of(size).alloc_size);
-        // A large block may be larger than asked for.
-        const uint32_t alloc_size = tarn::shmx_checked_alloc_size(shmx->view, block);
-        const uint32_t cleared = tarn::shmx_fit_of(size).alloc_size;
-        if (alloc_size > cleared)
-        {
-            std::memset(shmx->view.data + raw(block) + cleared, 0, alloc_size - cleared);
-        }
+        clear_data(shmx->view, block, alloc_size);
     }
     return block;
 }
@@ -628,7 +623,8 @@ bool shmx_is_in_own_process(TARN_SHMX shmx)
     return false;
 }
 
-block_offset shmx_blk_alloc_by_creator(TARN_SHMX shmx, uint32_t size, uint32_t user_id)
+block_offset shmx_blk_alloc_by_creator(TARN_SHMX shmx, uint32_t size, uint32_t user_id,
+                                       uint32_t *alloc_size)
 {
     if (is_too_large(shmx, size))
     {
@@ -657,6 +653,7 @@ block_offset shmx_blk_alloc_by_creator(TARN_SHMX shmx, uint32_t size, uint32_t u
         return block_offset::none;
     }
     log_alloc(shmx->view, report, size, user_id);
+    *alloc_size = report.alloc_size;
     return report.block;
 }
 

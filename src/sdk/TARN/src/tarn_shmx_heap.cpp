@@ -1,9 +1,9 @@
 // The creator's record of the shared heap, and the zones of a segment.
 //
 // Blocks are only ever carved from the never-used part, in rising order, and then move between the
-// free lists and their users. The record keeps one entry per block in that order. A bit per
-// possible start and a count per word of bits lead from an offset to its entry in constant time, so
-// that any number can be asked for without trust.
+// free lists and their users. The record keeps one entry per block in that order. The number of the
+// first block of each cell of the data zone leads from an offset to its entry in constant time, so
+// that any offset can be asked for without trust.
 //
 // The links in the segment are a copy that other processes may read. When it is found changed it is
 // put right from the record.
@@ -11,54 +11,34 @@
 #include "tarn_shmx_internal.h"
 
 #include <algorithm>
-#include <bit>
 
 namespace tarn
 {
 namespace
 {
 
-constexpr uint32_t start_unit = 4; // blocks begin at every multiple of it from the first one on
-constexpr uint32_t units_per_word = 64;
+constexpr uint32_t cell_size = 64;
+static_assert(2 * shmx_smallest_block > cell_size, "at most two blocks begin in a cell");
 constexpr uint32_t first_capacity = 256;
 
-/** List of each size in units of 4 bytes: the first class that is not smaller. */
-constexpr auto list_table = [] {
-    std::array<uint8_t, shmx_class_sizes.back() / start_unit + 1> table{};
-    size_t list = 0;
-    for (size_t unit = 0; unit < table.size(); ++unit)
-    {
-        while (shmx_class_sizes[list] < unit * start_unit)
-        {
-            ++list;
-        }
-        table[unit] = static_cast<uint8_t>(list);
-    }
-    return table;
-}();
-
-uint32_t unit_of(const shmx_view &view, uint32_t offset)
+uint32_t cell_of(const shmx_view &view, uint32_t offset)
 {
-    return (offset - view.first_offset) / start_unit;
+    return (offset - view.first_offset) / cell_size;
 }
 
 /** Number of a block plus 1; 0 when no block begins there. */
 uint32_t find_block(const shmx_heap *heap, const shmx_view &view, uint32_t offset)
 {
-    if (offset < view.first_offset || offset >= heap->spare_offset ||
-        (offset - view.first_offset) % start_unit != 0)
+    if (offset < view.first_offset || offset >= heap->spare_offset)
     {
         return 0;
     }
-    const uint32_t unit = unit_of(view, offset);
-    const uint64_t word = heap->starts[unit / units_per_word];
-    const uint64_t bit = uint64_t{1} << unit % units_per_word;
-    if ((word & bit) == 0)
+    const uint32_t number = heap->cells[cell_of(view, offset)];
+    if (number == 0 || heap->blocks[number - 1].offset == offset)
     {
-        return 0;
+        return number;
     }
-    return heap->ranks[unit / units_per_word] +
-           static_cast<uint32_t>(std::popcount(word & (bit - 1))) + 1;
+    return number < heap->block_count && heap->blocks[number].offset == offset ? number + 1 : 0;
 }
 
 bool make_room_for_block(shmx_heap *heap)
@@ -107,16 +87,10 @@ uint32_t carve(shmx_heap *heap, const shmx_view &view, uint32_t alloc_size)
         return 0;
     }
     const uint32_t offset = heap->spare_offset;
-    const uint32_t word = unit_of(view, offset) / units_per_word;
-    // The words between the last start and this one hold no starts, but their counts are asked for
-    // only where a bit is set, so only this one has to be right.
-    if (heap->starts[word] == 0)
-    {
-        heap->ranks[word] = heap->block_count;
-    }
-    heap->starts[word] |= uint64_t{1} << unit_of(view, offset) % units_per_word;
     heap->blocks[heap->block_count++] = {offset, alloc_size, 0, 0};
     heap->spare_offset += alloc_size;
+    uint32_t &cell = heap->cells[cell_of(view, offset)];
+    cell = cell == 0 ? heap->block_count : cell;
     publish(heap, view.header->spare_offset, offset, heap->spare_offset);
     return heap->block_count;
 }
@@ -192,19 +166,6 @@ void link_behind(shmx_heap *heap, const shmx_view &view, size_t list, uint32_t p
 
 } // namespace
 
-shmx_fit shmx_fit_of(uint32_t size)
-{
-    const uint32_t needed = (size + 32 + 3) & ~3u;
-    const size_t list = shmx_list_of(needed);
-    return {list, list == shmx_large_list ? needed : shmx_class_sizes[list]};
-}
-
-size_t shmx_list_of(uint32_t alloc_size)
-{
-    const size_t unit = (size_t{alloc_size} + start_unit - 1) / start_unit;
-    return unit < list_table.size() ? list_table[unit] : shmx_large_list;
-}
-
 // ---- a mapped segment ---------------------------------------------------------------------------
 
 void shmx_set_view(shmx_view *view, void *area, uint32_t size, uint32_t meta_size,
@@ -219,17 +180,6 @@ void shmx_set_view(shmx_view *view, void *area, uint32_t size, uint32_t meta_siz
     view->max_user_count = max_user_count;
     // Blocks are 4-aligned in memory, and offset 0 is never one.
     view->first_offset = 64 - static_cast<uint32_t>(reinterpret_cast<uintptr_t>(view->data) % 4);
-}
-
-shmx_block_header *shmx_block_at(const shmx_view &view, block_offset offset)
-{
-    const uint32_t at = raw(offset);
-    if (at < view.first_offset || (at - view.first_offset) % start_unit != 0 ||
-        uint64_t{at} + shmx_smallest_block > view.data_size)
-    {
-        return nullptr;
-    }
-    return reinterpret_cast<shmx_block_header *>(view.data + at);
 }
 
 block_offset shmx_block_of_address(const shmx_view &view, const void *address)
@@ -252,7 +202,8 @@ uint32_t shmx_checked_alloc_size(const shmx_view &view, block_offset offset)
         return 0;
     }
     const uint32_t alloc_size = shmx_load(block->alloc_size);
-    const bool is_possible = alloc_size >= shmx_smallest_block && alloc_size % start_unit == 0 &&
+    const bool is_possible = alloc_size >= shmx_smallest_block &&
+                             alloc_size % shmx_block_unit == 0 &&
                              uint64_t{raw(offset)} + alloc_size <= view.data_size;
     return is_possible ? alloc_size : 0;
 }
@@ -262,20 +213,18 @@ uint32_t shmx_checked_alloc_size(const shmx_view &view, block_offset offset)
 bool shmx_heap_open(shmx_heap *heap, const shmx_view &view)
 {
     // Untouched parts of these take no memory.
-    const size_t words = size_t{view.data_size} / (start_unit * units_per_word) + 1;
-    heap->starts = static_cast<uint64_t *>(tarn_mem_alloc(words * sizeof(uint64_t)));
-    heap->ranks = static_cast<uint32_t *>(tarn_mem_alloc(words * sizeof(uint32_t)));
+    const size_t cells = size_t{view.data_size} / cell_size + 1;
+    heap->cells = static_cast<uint32_t *>(tarn_mem_alloc(cells * sizeof(uint32_t)));
     heap->user_blocks = static_cast<uint32_t *>(
         tarn_mem_alloc((size_t{view.max_user_count} + 1) * sizeof(uint32_t)));
     heap->spare_offset = view.first_offset;
-    return heap->starts != nullptr && heap->ranks != nullptr && heap->user_blocks != nullptr;
+    return heap->cells != nullptr && heap->user_blocks != nullptr;
 }
 
 void shmx_heap_close(shmx_heap *heap)
 {
     tarn_mem_free(heap->blocks);
-    tarn_mem_free(heap->starts);
-    tarn_mem_free(heap->ranks);
+    tarn_mem_free(heap->cells);
     tarn_mem_free(heap->user_blocks);
     *heap = {};
 }

@@ -39,6 +39,7 @@ inline constexpr uint32_t shmx_freed = 0xFFFFFFFF; ///< user id of a freed block
 inline constexpr std::array<uint32_t, shmx_class_count> shmx_class_sizes = {
     52, 60, 72, 80, 92, 100, 112, 120, 132, 140, 152, 160, 200, 220, 240, 260};
 inline constexpr uint32_t shmx_smallest_block = shmx_class_sizes.front();
+inline constexpr uint32_t shmx_block_unit = 4; ///< blocks begin at every multiple from the first on
 
 /** Room for a lock word with 4-byte alignment wherever the slot lies. All slots of this layout are
  *  4-aligned, so the displacement is always 0; it is written, never read. */
@@ -162,16 +163,46 @@ inline void shmx_store(T &word, std::type_identity_t<T> value,
 
 // ---- locks --------------------------------------------------------------------------------------
 
+/** An uncontended lock and unlock are one compare-and-swap each; the rest is in
+ *  tarn_shmx_lock.cpp. */
+inline bool shmx_take_free_word(uint32_t *word)
+{
+    uint32_t expected = 0;
+    return std::atomic_ref(*word).compare_exchange_strong(
+        expected, shmx_thread_id(), std::memory_order_acquire, std::memory_order_relaxed);
+}
+int shmx_lock_held_word(uint32_t *word, uint32_t limit_ms);
+bool shmx_unlock_wanted_word(uint32_t *word);
+
 /** Result of taking a lock: 0 or an error number. */
-int shmx_lock(uint32_t *word, uint32_t limit_ms = lock_without_limit);
+inline int shmx_lock(uint32_t *word, uint32_t limit_ms = lock_without_limit)
+{
+    return shmx_take_free_word(word) ? 0 : shmx_lock_held_word(word, limit_ms);
+}
 int shmx_try_lock(uint32_t *word);
-bool shmx_unlock(uint32_t *word);
+
+inline bool shmx_unlock(uint32_t *word)
+{
+    uint32_t expected = shmx_thread_id();
+    return std::atomic_ref(*word).compare_exchange_strong(expected, 0, std::memory_order_release,
+                                                          std::memory_order_relaxed) ||
+           shmx_unlock_wanted_word(word);
+}
 
 /** The 4-aligned word of a slot. */
-uint32_t *shmx_slot_word(void *slot);
+inline uint32_t *shmx_slot_word(void *slot)
+{
+    const uintptr_t behind = reinterpret_cast<uintptr_t>(slot) + sizeof(uint32_t);
+    return reinterpret_cast<uint32_t *>((behind + 3) & ~uintptr_t{3});
+}
 
 /** A fresh, unlocked slot. */
-void shmx_init_slot(shmx_lock_slot *slot);
+inline void shmx_init_slot(shmx_lock_slot *slot)
+{
+    shmx_store(slot->displacement, 0);
+    shmx_store(slot->words[0], 0);
+    shmx_store(slot->words[1], 0);
+}
 
 /** Locks that are only ever held for moments are given up after this time: their word was
  *  overwritten, or their holder is stopped. */
@@ -208,27 +239,65 @@ private:
     int error_;
 };
 
-/** The creator's record behind the header lock: only ever contended when somebody has written into
- *  that, so a plain word and a polite wait are enough, and cost half of another lock. */
+// ---- the creator's gate -------------------------------------------------------------------------
+
+/** What guards the creator's record of the heap behind the header lock, which other processes can
+ *  overwrite. All atomic. */
+struct shmx_gate_words
+{
+    uint32_t taken;       ///< 1: a thread that is not the favoured one is inside
+    uint32_t inside;      ///< 1: the favoured thread is, or looks whether it may be; written by it
+    uint32_t favoured;    ///< id of that thread; 0: none yet; shmx_no_favourite: never again
+    uint32_t server;      ///< id of the request thread, which is not favoured
+    uint32_t can_barrier; ///< 1: there may be a favoured thread
+};
+inline constexpr uint32_t shmx_no_favourite = 0xFFFFFFFF;
+
+/** Enter as any thread; in tarn_shmx_gate.cpp. */
+void shmx_enter_gate(shmx_gate_words &gate);
+
+/** Holds the gate for its scope. Beside the request thread nearly always one thread uses a heap.
+ *  That one is favoured: it announces itself with a plain store and looks whether the gate is
+ *  taken; a thread that takes the gate makes up for the missing barrier between the two with one
+ *  on all processors. A second such thread ends this, and then all pay for an atomic exchange. */
 class [[nodiscard]] shmx_gate
 {
 public:
-    explicit shmx_gate(uint32_t *word) : word_(*word)
+    explicit shmx_gate(shmx_gate_words *gate) : gate_(*gate), is_favoured_(enter_favoured(*gate))
     {
-        while (word_.exchange(1, std::memory_order_acquire) != 0)
+        if (!is_favoured_)
         {
-            shmx_yield();
+            shmx_enter_gate(gate_);
         }
     }
     shmx_gate(const shmx_gate &) = delete;
     shmx_gate &operator=(const shmx_gate &) = delete;
     ~shmx_gate()
     {
-        word_.store(0, std::memory_order_release);
+        shmx_store(is_favoured_ ? gate_.inside : gate_.taken, 0, std::memory_order_release);
     }
 
 private:
-    std::atomic_ref<uint32_t> word_;
+    static bool enter_favoured(shmx_gate_words &gate)
+    {
+        const uint32_t self = shmx_thread_id();
+        if (shmx_load(gate.favoured) != self)
+        {
+            return false;
+        }
+        shmx_store(gate.inside, 1);
+        std::atomic_signal_fence(std::memory_order_seq_cst); // the other side has the barrier
+        if (shmx_load(gate.taken, std::memory_order_acquire) == 0 &&
+            shmx_load(gate.favoured) == self)
+        {
+            return true;
+        }
+        shmx_store(gate.inside, 0, std::memory_order_release);
+        return false;
+    }
+
+    shmx_gate_words &gate_;
+    bool is_favoured_;
 };
 
 // ---- a mapped segment ---------------------------------------------------------------------------
@@ -282,7 +351,16 @@ void shmx_set_view(shmx_view *view, void *area, uint32_t size, uint32_t meta_siz
                    uint32_t max_user_count);
 
 /** The header of a block, or null for an offset at which none can begin. */
-shmx_block_header *shmx_block_at(const shmx_view &view, block_offset offset);
+inline shmx_block_header *shmx_block_at(const shmx_view &view, block_offset offset)
+{
+    const uint32_t at = raw(offset);
+    if (at < view.first_offset || (at - view.first_offset) % shmx_block_unit != 0 ||
+        uint64_t{at} + shmx_smallest_block > view.data_size)
+    {
+        return nullptr;
+    }
+    return reinterpret_cast<shmx_block_header *>(view.data + at);
+}
 
 /** The block that an application's address belongs to, or none. */
 block_offset shmx_block_of_address(const shmx_view &view, const void *address);
@@ -295,6 +373,27 @@ inline void *shmx_data_at(const shmx_view &view, block_offset offset)
     return view.data + raw(data_of(offset));
 }
 
+/** List of each size in units of 4 bytes: the first class that is not smaller. */
+inline constexpr auto shmx_list_table = [] {
+    std::array<uint8_t, shmx_class_sizes.back() / shmx_block_unit + 1> table{};
+    size_t list = 0;
+    for (size_t unit = 0; unit < table.size(); ++unit)
+    {
+        while (shmx_class_sizes[list] < unit * shmx_block_unit)
+        {
+            ++list;
+        }
+        table[unit] = static_cast<uint8_t>(list);
+    }
+    return table;
+}();
+
+inline size_t shmx_list_of(uint32_t alloc_size)
+{
+    const size_t unit = (size_t{alloc_size} + shmx_block_unit - 1) / shmx_block_unit;
+    return unit < shmx_list_table.size() ? shmx_list_table[unit] : shmx_large_list;
+}
+
 /** List index of a request, and the bytes that its block occupies. The size is at most 4 GiB less
  *  36. */
 struct shmx_fit
@@ -302,8 +401,12 @@ struct shmx_fit
     size_t list;
     uint32_t alloc_size;
 };
-shmx_fit shmx_fit_of(uint32_t size);
-size_t shmx_list_of(uint32_t alloc_size);
+inline shmx_fit shmx_fit_of(uint32_t size)
+{
+    const uint32_t needed = (size + 32 + 3) & ~3u;
+    const size_t list = shmx_list_of(needed);
+    return {list, list == shmx_large_list ? needed : shmx_class_sizes[list]};
+}
 
 // ---- the creator's record of the heap -----------------------------------------------------------
 
@@ -323,8 +426,7 @@ struct shmx_heap
     heap_block *blocks;
     uint32_t block_count;
     uint32_t block_capacity;
-    uint64_t *starts;                ///< one bit per 4 bytes of the data zone: a block begins there
-    uint32_t *ranks;                 ///< blocks that begin before each word of starts
+    uint32_t *cells; ///< number plus 1 of the first block that begins in each cell of the data zone
     uint32_t heads[shmx_list_count]; ///< number plus 1
     uint32_t spare_offset;
     uint32_t *user_blocks; ///< how many blocks each user id has
@@ -410,6 +512,17 @@ void shmx_reserve_close(shmx_reserve *reserve);
 
 // ---- requests -----------------------------------------------------------------------------------
 
+/** Times of a request; a test changes them while no heap exists. */
+struct shmx_limits
+{
+    uint32_t alloc_ms = 10000;       ///< a visitor waits so long for a block
+    uint32_t free_claim_ms = 30000;  ///< for a slot to free one
+    uint32_t free_answer_ms = 10000; ///< and for the answer
+    uint32_t served_ms = 5000;       ///< an answer is kept so long
+    uint32_t stuck_ms = 60000;       ///< a slot stays with a visitor so long
+};
+extern shmx_limits shmx_limit;
+
 /** What the creator remembers of a slot. */
 struct slot_watch
 {
@@ -433,8 +546,10 @@ void shmx_serve_requests(TARN_SHMX shmx);
 
 // ---- the two ways to a block --------------------------------------------------------------------
 
-/** Take a block from the heap under its locks, with log lines; creator only. */
-block_offset shmx_blk_alloc_by_creator(TARN_SHMX shmx, uint32_t size, uint32_t user_id);
+/** Take a block from the heap under its locks, with log lines; creator only.
+ *  @param alloc_size  receives what it occupies */
+block_offset shmx_blk_alloc_by_creator(TARN_SHMX shmx, uint32_t size, uint32_t user_id,
+                                       uint32_t *alloc_size);
 
 /** Give a block back; creator only.
  *  @param owner  whose it must be, or heap_any_owner */
@@ -459,8 +574,8 @@ struct tarn_shmx
     TARN_THREAD thread; ///< creator
     uint32_t fork_generation;
     uint32_t process_id;
-    uint32_t gate; ///< creator: guards heap
-    uint32_t lock; ///< visitor: guards reserve; a lock word of this process
+    uint32_t lock;              ///< visitor: guards reserve; a lock word of this process
+    tarn::shmx_gate_words gate; ///< creator: guards heap
     // creator
     tarn::shmx_heap heap;
     tarn::slot_watch watches[tarn::shmx_slot_count]; ///< request thread only

@@ -48,13 +48,6 @@ void clear_dead_owner(uint32_t *word, uint32_t seen)
     }
 }
 
-bool take_free_word(uint32_t *word)
-{
-    uint32_t expected = 0;
-    return std::atomic_ref(*word).compare_exchange_strong(
-        expected, shmx_thread_id(), std::memory_order_acquire, std::memory_order_relaxed);
-}
-
 /** The kernel's way, with one more try after a dead owner, and a few when the kernel asks for it.
  *  */
 int take_from_kernel(uint32_t *word, uint32_t limit_ms)
@@ -69,7 +62,7 @@ int take_from_kernel(uint32_t *word, uint32_t limit_ms)
         {
             clear_dead_owner(word, seen);
             took_over = true;
-            error = take_free_word(word) ? 0 : shmx_futex_lock(word, limit_ms);
+            error = shmx_take_free_word(word) ? 0 : shmx_futex_lock(word, limit_ms);
         }
         if (limit_ms == 0)
         {
@@ -87,12 +80,8 @@ static_assert((kernel_waiters_bit & lock_owner_mask) == 0);
 
 } // namespace
 
-int shmx_lock(uint32_t *word, uint32_t limit_ms)
+int shmx_lock_held_word(uint32_t *word, uint32_t limit_ms)
 {
-    if (take_free_word(word))
-    {
-        return 0;
-    }
     const int error = take_from_kernel(word, limit_ms);
     if (error != 0 && error != EAGAIN)
     {
@@ -104,7 +93,7 @@ int shmx_lock(uint32_t *word, uint32_t limit_ms)
 
 int shmx_try_lock(uint32_t *word)
 {
-    if (take_free_word(word))
+    if (shmx_take_free_word(word))
     {
         return 0;
     }
@@ -117,14 +106,8 @@ int shmx_try_lock(uint32_t *word)
     return error;
 }
 
-bool shmx_unlock(uint32_t *word)
+bool shmx_unlock_wanted_word(uint32_t *word)
 {
-    uint32_t expected = shmx_thread_id();
-    if (std::atomic_ref(*word).compare_exchange_strong(expected, 0, std::memory_order_release,
-                                                       std::memory_order_relaxed))
-    {
-        return true;
-    }
     order_as_kernel(word, std::memory_order_release);
     const int error = shmx_futex_unlock(word);
     if (error != 0)
@@ -133,19 +116,6 @@ bool shmx_unlock(uint32_t *word)
                        error_text(error).c_str());
     }
     return error == 0;
-}
-
-uint32_t *shmx_slot_word(void *slot)
-{
-    const uintptr_t behind = reinterpret_cast<uintptr_t>(slot) + sizeof(uint32_t);
-    return reinterpret_cast<uint32_t *>((behind + 3) & ~uintptr_t{3});
-}
-
-void shmx_init_slot(shmx_lock_slot *slot)
-{
-    shmx_store(slot->displacement, 0);
-    shmx_store(slot->words[0], 0);
-    shmx_store(slot->words[1], 0);
 }
 
 } // namespace tarn

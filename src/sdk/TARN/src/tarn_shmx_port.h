@@ -11,9 +11,17 @@
 namespace tarn
 {
 
+/** Id of the calling thread, when it has asked for it since the process was forked; else 0. */
+[[gnu::tls_model("initial-exec")]] extern constinit thread_local uint32_t shmx_known_thread_id;
+uint32_t shmx_learn_thread_id();
+
 /** Kernel's id of the calling thread, as lock words hold it. No system call but for the first call
  *  of a thread, and the first one after a fork. */
-uint32_t shmx_thread_id();
+inline uint32_t shmx_thread_id()
+{
+    const uint32_t id = shmx_known_thread_id;
+    return id != 0 ? id : shmx_learn_thread_id();
+}
 
 /** Id of the process: that of its first thread. A system call. */
 uint32_t shmx_process_id();
@@ -44,6 +52,13 @@ void shmx_futex_wait(uint32_t *word, uint32_t value, uint32_t ms);
 /** Wake one sleeper of a word, or all.
  *  @return 0, or an error number */
 int shmx_futex_wake(uint32_t *word, bool all);
+
+/** Get this process ready for shmx_barrier_everywhere().
+ *  @return false when the kernel cannot do it */
+bool shmx_allow_barrier();
+
+/** A full memory barrier on every processor that runs a thread of this process. */
+void shmx_barrier_everywhere();
 
 /** One turn of a busy wait: a hint to the processor; a chance for other threads on it. */
 void shmx_pause();

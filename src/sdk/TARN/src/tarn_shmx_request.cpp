@@ -25,11 +25,6 @@ namespace tarn
 namespace
 {
 
-constexpr uint32_t alloc_limit_ms = 10000;
-constexpr uint32_t free_claim_limit_ms = 30000;
-constexpr uint32_t free_answer_limit_ms = 10000;
-constexpr uint32_t served_limit_ms = 5000; // an answer is kept so long
-constexpr uint32_t stuck_limit_ms = 60000; // a slot stays with a visitor so long
 constexpr uint32_t alive_check_ms = 500;   // how often the user of a stuck slot is looked at
 constexpr uint32_t creator_check_ms = 100; // how often a waiting visitor looks at the creator
 constexpr uint32_t request_wait_ms = 100;  // of the request thread
@@ -204,7 +199,8 @@ void abort_slot(shmx_request_slot &slot)
 /** @return the answer; none: the request cannot be served */
 block_offset shmx_blk_alloc_for_visitor(TARN_SHMX shmx, const request &wanted)
 {
-    return shmx_blk_alloc_by_creator(shmx, wanted.size, wanted.user_id);
+    uint32_t alloc_size = 0;
+    return shmx_blk_alloc_by_creator(shmx, wanted.size, wanted.user_id, &alloc_size);
 }
 
 bool shmx_blk_free_for_visitor(TARN_SHMX shmx, const request &wanted)
@@ -287,7 +283,7 @@ bool user_is_gone(TARN_SHMX shmx, uint32_t user_id)
 void watch_visitor(TARN_SHMX shmx, shmx_request_slot &slot, slot_watch &watch, uint8_t state,
                    uint32_t now)
 {
-    bool is_stuck = tarn_tick_ms_diff(watch.seen_tick, now) > stuck_limit_ms;
+    bool is_stuck = tarn_tick_ms_diff(watch.seen_tick, now) > shmx_limit.stuck_ms;
     if (!is_stuck && tarn_tick_ms_diff(watch.alive_tick, now) > alive_check_ms)
     {
         watch.alive_tick = now;
@@ -328,7 +324,7 @@ void examine(TARN_SHMX shmx, size_t index, uint32_t now)
     {
         watch_visitor(shmx, slot, watch, watch.state, now);
     }
-    else if (tarn_tick_ms_diff(watch.seen_tick, now) > served_limit_ms)
+    else if (tarn_tick_ms_diff(watch.seen_tick, now) > shmx_limit.served_ms)
     {
         take_back(shmx, slot, watch);
     }
@@ -336,9 +332,11 @@ void examine(TARN_SHMX shmx, size_t index, uint32_t now)
 
 } // namespace
 
+shmx_limits shmx_limit;
+
 block_offset shmx_request_alloc(TARN_SHMX shmx, uint32_t size)
 {
-    patience waiting(shmx, alloc_limit_ms);
+    patience waiting(shmx, shmx_limit.alloc_ms);
     const request wanted = {shmx->user_id, size, 0};
     pending_request pending{};
     while (pending.index < shmx_slot_count && !claim(shmx, pending.index))
@@ -354,6 +352,7 @@ block_offset shmx_request_alloc(TARN_SHMX shmx, uint32_t size)
     if (!post(shmx, wanted, &pending) ||
         await_busily(shmx, wanted, pending, &waiting, &offset) != collect_result::collected)
     {
+        TARN_LOG_WARN("the creator gave no block, size = [%u]", size);
         return block_offset::none; // the creator empties the slot
     }
     return block_offset{offset};
@@ -361,7 +360,7 @@ block_offset shmx_request_alloc(TARN_SHMX shmx, uint32_t size)
 
 bool shmx_request_free(TARN_SHMX shmx, block_offset block, uint32_t owner)
 {
-    patience claiming(shmx, free_claim_limit_ms);
+    patience claiming(shmx, shmx_limit.free_claim_ms);
     const request wanted = {owner, 0, raw(block)};
     pending_request pending{};
     for (uint32_t tries = 1; !claim(shmx, pending.index); ++tries)
@@ -380,7 +379,7 @@ bool shmx_request_free(TARN_SHMX shmx, block_offset block, uint32_t owner)
     {
         return false;
     }
-    patience waiting(shmx, free_answer_limit_ms);
+    patience waiting(shmx, shmx_limit.free_answer_ms);
     uint32_t offset = 0;
     for (;;)
     {
@@ -399,6 +398,7 @@ bool shmx_request_free(TARN_SHMX shmx, block_offset block, uint32_t owner)
 
 void shmx_serve_requests(TARN_SHMX shmx)
 {
+    shmx_store(shmx->gate.server, shmx_thread_id());
     if (semaphore_take_within(shmx->semaphore, request_wait_ms))
     {
         // One pass serves all that is posted, so the other wake-ups are used up.

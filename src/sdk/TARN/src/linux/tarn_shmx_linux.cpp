@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include <linux/futex.h>
+#include <linux/membarrier.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/syscall.h>
@@ -22,20 +23,12 @@ namespace
 {
 
 constinit std::atomic<uint32_t> fork_generation{0};
-constinit thread_local uint32_t cached_thread_id = 0;
 
 /** On the only thread that the child has. */
 void after_fork()
 {
-    cached_thread_id = 0;
+    tarn::shmx_known_thread_id = 0;
     fork_generation.fetch_add(1, std::memory_order_relaxed);
-}
-
-[[gnu::noinline]] uint32_t learn_thread_id()
-{
-    [[maybe_unused]] static const int registered = pthread_atfork(nullptr, nullptr, after_fork);
-    cached_thread_id = static_cast<uint32_t>(::gettid());
-    return cached_thread_id;
 }
 
 long futex(uint32_t *word, int operation, uint32_t value, const timespec *time)
@@ -86,9 +79,13 @@ int lock_with_limit(uint32_t *word, uint32_t limit_ms)
 namespace tarn
 {
 
-uint32_t shmx_thread_id()
+constinit thread_local uint32_t shmx_known_thread_id = 0;
+
+uint32_t shmx_learn_thread_id()
 {
-    return cached_thread_id != 0 ? cached_thread_id : learn_thread_id();
+    [[maybe_unused]] static const int registered = pthread_atfork(nullptr, nullptr, after_fork);
+    shmx_known_thread_id = static_cast<uint32_t>(::gettid());
+    return shmx_known_thread_id;
 }
 
 uint32_t shmx_process_id()
@@ -136,6 +133,16 @@ void shmx_futex_wait(uint32_t *word, uint32_t value, uint32_t ms)
 int shmx_futex_wake(uint32_t *word, bool all)
 {
     return futex(word, FUTEX_WAKE, all ? INT32_MAX : 1, nullptr) >= 0 ? 0 : errno;
+}
+
+bool shmx_allow_barrier()
+{
+    return ::syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+}
+
+void shmx_barrier_everywhere()
+{
+    (void)::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
 }
 
 void shmx_pause()
