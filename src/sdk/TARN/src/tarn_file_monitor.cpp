@@ -1,8 +1,9 @@
 // File monitor: a loop thread that looks once a second whether a watched file was modified.
 //
-// Lifetime: tarn_file_monitor_stop() from another thread joins the monitor's thread and frees.
-// From inside the callback it only marks the monitor; the thread frees it when the callback has
-// returned, and touches nothing of it after that.
+// Who frees the monitor. It counts its users: the handle, and a callback under way. A stop drops the
+// handle's share, from another thread after it has joined the monitor's thread. So the last one to
+// go is the callback when the monitor was stopped inside it, and when the join was refused because
+// callbacks of two monitors stop one another. Nothing of the monitor is touched behind a callback.
 
 #include "tarn_file.h"
 
@@ -19,7 +20,8 @@ struct tarn_file_monitor
     TARN_THREAD thread; ///< atomic access only: null until the starter has stored it
     tarn_file_monitor_callback callback;
     void *user_arg;
-    bool stopped; ///< by the own callback; monitor thread only
+    bool stopped;   ///< by the own callback; monitor thread only
+    uint32_t users; ///< see above; shared, atomic access only
 };
 
 namespace
@@ -37,18 +39,25 @@ void free_monitor(TARN_FILE_MONITOR fm)
     tarn_mem_free(fm);
 }
 
-/** Calls back, and frees the monitor afterwards if the callback has stopped it: also when the
- *  thread is cancelled inside. */
+void drop_user(TARN_FILE_MONITOR fm)
+{
+    // Acquire and release: the last user sees all that the others did.
+    if (__atomic_sub_fetch(&fm->users, 1, __ATOMIC_ACQ_REL) == 0)
+    {
+        free_monitor(fm);
+    }
+}
+
+/** Calls back as a user of the monitor, also when the thread is cancelled inside. */
 void call_back(TARN_FILE_MONITOR fm)
 {
     const tarn::scope_exit leave([fm] {
         current = nullptr;
-        if (fm->stopped)
-        {
-            free_monitor(fm);
-        }
+        drop_user(fm);
     });
     current = fm;
+    // The handle's share is there still: a stop joins this thread first.
+    (void)__atomic_add_fetch(&fm->users, 1, __ATOMIC_RELAXED);
     fm->callback(fm, fm->path, 0, fm->user_arg);
 }
 
@@ -93,6 +102,7 @@ TARN_FILE_MONITOR tarn_file_monitor_start(const char *file_name,
     RVON(fm->path, NULL);
     fm->callback = callback_function;
     fm->user_arg = user_arg;
+    fm->users = 1;
     TARN_THREAD thread =
         tarn_thread_start(file_monitor_proc, fm, nullptr, period_ms, "file_monitor_proc");
     RVOF(thread != TARN_INVALID_HANDLE, NULL);
@@ -109,9 +119,10 @@ void tarn_file_monitor_stop(TARN_FILE_MONITOR fm)
         {
             fm->stopped = true;
             tarn_thread_stop(fm->thread); // detaches; the loop ends after this call
+            drop_user(fm);
         }
         return;
     }
     tarn_thread_stop(__atomic_load_n(&fm->thread, __ATOMIC_ACQUIRE));
-    free_monitor(fm);
+    drop_user(fm);
 }
