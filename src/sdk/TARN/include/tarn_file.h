@@ -92,7 +92,8 @@ typedef void (*tarn_file_monitor_callback)(TARN_FILE_MONITOR fm, const char *pat
 /** Watch a file: however often it is written, the callback is called at most once a second.
  *  The watch belongs to the file that stands at the path now. Writing and truncating it count as
  *  modification. When it is deleted, or another file is renamed over it, the callback is called
- *  once more and then never again: stop the monitor and start a new one to watch the new file.
+ *  once more, as soon as nobody has it open, and then never again: stop the monitor and start a new
+ *  one to watch the new file.
  *  @param file_name  of an existing file; copied
  *  @return the monitor, stopped with tarn_file_monitor_stop(); null when an argument is missing or
  *          empty, the file is not there, or the system refuses (ERROR). */
@@ -102,7 +103,8 @@ TARN_API TARN_FILE_MONITOR tarn_file_monitor_start(const char *file_name,
 
 /** Stop watching and free the monitor; null is reported at DEBUG. Waits for a callback that runs;
  *  from inside the callback it returns at once, and the monitor is freed when the callback
- *  returns. No callback is made afterwards. */
+ *  returns. No callback is made afterwards. Of callbacks that stop one another's monitors one does
+ *  not wait, and the other's thread is cancelled (tarn_thread_stop()). */
 TARN_API void tarn_file_monitor_stop(TARN_FILE_MONITOR fm);
 
 TARN_END_DECLS

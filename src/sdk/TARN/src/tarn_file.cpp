@@ -11,9 +11,11 @@
 #include "tarn_os.h"
 #include "tarn_raii.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 struct tarn_file
 {
@@ -90,6 +92,15 @@ private:
     size_t capacity_ = 0;
 };
 
+/** A mode with 'e', close on exec, put in front of a character set (",ccs=...") that ends it.
+ *  @return false when it does not fit */
+bool close_on_exec_mode(const char *mode, char (&full_mode)[mode_size])
+{
+    const auto flags = static_cast<int>(std::strcspn(mode, ","));
+    const int n = std::snprintf(full_mode, mode_size, "%.*se%s", flags, mode, mode + flags);
+    return n < static_cast<int>(mode_size);
+}
+
 /** Size of a stream from its end position; 0 when it has none. */
 size_t stream_size(std::FILE *stream)
 {
@@ -110,8 +121,7 @@ TARN_FILE tarn_file_open(const char *path, const char *mode)
     object_owner f = make_file();
     RVON(f, TARN_INVALID_HANDLE);
     char full_mode[mode_size];
-    const int n = std::snprintf(full_mode, sizeof full_mode, "%se", mode); // e: close on exec
-    if (n < static_cast<int>(sizeof full_mode))
+    if (close_on_exec_mode(mode, full_mode))
     {
         f.get()->stream = std::fopen(path, full_mode);
     }
@@ -127,7 +137,7 @@ TARN_FILE tarn_file_open_tmpfile(void)
 {
     object_owner f = make_file();
     RVON(f, TARN_INVALID_HANDLE);
-    f.get()->stream = std::tmpfile();
+    f.get()->stream = tarn::file_open_tmp();
     if (f.get()->stream == nullptr)
     {
         TARN_LOG_ERROR("fail to open tmpfile");
@@ -238,9 +248,11 @@ void *tarn_file_load(const char *path, size_t *size_out)
         return nullptr;
     }
     growing_buffer content;
-    // One byte more than the size: the read that finds the end then needs no growth.
+    // One byte more than the size: the read that finds the end then needs no growth. Never less than
+    // a piece: some files of /proc give out what fits the first read, and nothing after that.
     const uint64_t hint = tarn::file_size_hint(fd.get());
-    if (hint >= SIZE_MAX - piece_size || !content.grow(static_cast<size_t>(hint) + 1))
+    if (hint >= SIZE_MAX - piece_size ||
+        !content.grow(std::max(static_cast<size_t>(hint) + 1, piece_size)))
     {
         return nullptr;
     }

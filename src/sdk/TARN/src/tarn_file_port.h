@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 namespace tarn
 {
@@ -20,6 +21,10 @@ int file_open_read(const char *path);
  *  without readers is an error.
  *  @return descriptor, or -1 */
 int file_open_write(const char *path);
+
+/** tmpfile().
+ *  @return the stream, or null */
+std::FILE *file_open_tmp();
 
 /** Bytes that a regular file holds now; 0 for everything else. */
 uint64_t file_size_hint(int fd);

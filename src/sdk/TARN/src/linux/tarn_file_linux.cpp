@@ -46,6 +46,16 @@ int file_open_write(const char *path)
     return open_then_block(path, O_WRONLY | O_CREAT | O_TRUNC);
 }
 
+std::FILE *file_open_tmp()
+{
+    std::FILE *const stream = std::tmpfile();
+    if (stream != nullptr)
+    {
+        (void)::fcntl(::fileno(stream), F_SETFD, FD_CLOEXEC); // tmpfile() itself does not
+    }
+    return stream;
+}
+
 uint64_t file_size_hint(int fd)
 {
     struct stat status
