@@ -5,10 +5,13 @@
 #include "tarn_dir.h"
 #include "tarn_raii.h"
 
+#include <cstring>
 #include <filesystem>
 #include <set>
 #include <thread>
 
+#include <dirent.h>
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
@@ -16,6 +19,44 @@
 using support::expect_check;
 using support::log_capture;
 using dir_owner = tarn::unique_handle<TARN_DIR, tarn_dir_close>;
+
+namespace
+{
+
+/** What readdir() below makes of the entries. */
+enum class entries
+{
+    as_they_are,
+    without_type, ///< as some file systems have them
+    with_long_name
+};
+entries shown = entries::as_they_are;
+
+} // namespace
+
+/** Stands in front of the C library's. */
+extern "C" dirent *readdir(DIR *stream)
+{
+    using function = dirent *(*)(DIR *);
+    static const auto next = reinterpret_cast<function>(::dlsym(RTLD_NEXT, "readdir"));
+    static struct
+    {
+        dirent entry;
+        char more[1000];
+    } large;
+    dirent *const found = next(stream);
+    if (found != nullptr && shown == entries::without_type)
+    {
+        found->d_type = DT_UNKNOWN;
+    }
+    if (found != nullptr && shown == entries::with_long_name)
+    {
+        large.entry.d_type = DT_REG;
+        std::memset(reinterpret_cast<char *>(&large) + offsetof(dirent, d_name), 'n', 1000);
+        return &large.entry;
+    }
+    return found;
+}
 
 namespace
 {
@@ -45,6 +86,9 @@ TEST(Dir, CreatesAllParentsWithTheExactMode)
     EXPECT_EQ(mode_of(base.file("odd/y")), 01777u);
     EXPECT_FALSE(std::filesystem::exists(base.file("for/a/file")));
     EXPECT_TRUE(tarn_dir_is_exist(base.file("odd/x").c_str()));
+    ASSERT_EQ(::chmod(base.file("for").c_str(), 02770), 0); // hands its group down
+    EXPECT_EQ(tarn_dir_create(base.file("for/group").c_str(), 0), 0);
+    EXPECT_EQ(mode_of(base.file("for/group")), 02775u);
 
     support::write_file(base.file("plain"), "");
     EXPECT_EQ(tarn_dir_create(base.file("plain").c_str(), 0), 0); // exists, whatever it is
@@ -126,8 +170,9 @@ TEST(Dir, ListsEveryEntryOnceWithItsType)
     std::filesystem::create_directory(base.file("dir"));
     std::filesystem::create_symlink("dir", base.file("link"));
     expected.insert({"dir", "link"});
-    for (int round = 0; round < 2; ++round)
+    for (const entries round : {entries::as_they_are, entries::without_type, entries::as_they_are})
     {
+        shown = round;
         std::set<std::string> seen;
         for (TARN_DIR_ITOR i = tarn_dir_read_begin(d.get()); i != nullptr;
              i = tarn_dir_read_next(d.get(), i))
@@ -140,6 +185,12 @@ TEST(Dir, ListsEveryEntryOnceWithItsType)
         }
         EXPECT_EQ(seen, expected);
     }
+    shown = entries::with_long_name;
+    TARN_DIR_ITOR named = tarn_dir_read_begin(d.get());
+    shown = entries::as_they_are;
+    EXPECT_EQ(tarn_dir_itor_name(named), std::string(1000, 'n'));
+    tarn_dir_read_end(d.get(), named);
+
     const dir_owner other(tarn_dir_open("/"));
     TARN_DIR_ITOR itor = tarn_dir_read_begin(d.get());
     log_capture log;

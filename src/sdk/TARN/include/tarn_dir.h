@@ -17,7 +17,8 @@ typedef struct tarn_dir_itor *TARN_DIR_ITOR;
 
 /** Create every missing directory along a path.
  *  @param dir_path  below 4095 bytes; not null
- *  @param mode      permissions of what is created, exactly, whatever the umask; 0: 0775
+ *  @param mode      permissions of what is created, exactly, whatever the umask; 0: 0775. The set-group
+ *                   bit that a parent hands down stays
  *  @return 0, also when the whole path exists (even when its last component is a file); -1 when
  *          one cannot be created (ERROR), for null, and for a path that is too long. */
 TARN_API int tarn_dir_create(const char *dir_path, uint32_t mode);

@@ -7,6 +7,7 @@
 #include "tarn_os.h"
 #include "tarn_raii.h"
 #include "tarn_str.h"
+#include "tarn_text.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -15,7 +16,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
@@ -31,11 +31,13 @@ TARN_ASSERT_RECORD(tarn_dir);
 namespace
 {
 
+constexpr size_t path_size = 4096;
+
 /** A copy of what the listing needs of a dirent, which itself lives only until the next read. */
 struct dir_entry
 {
-    unsigned char type; // DT_*
-    char name[NAME_MAX + 1];
+    unsigned char type;   // DT_*
+    char name[path_size]; // file systems may give out names longer than NAME_MAX
 };
 
 } // namespace
@@ -50,7 +52,6 @@ struct tarn_dir_itor
 namespace
 {
 
-constexpr size_t path_size = 4096;
 constexpr uint32_t default_mode = 0775;
 
 using text_owner = tarn::unique_mem<char>;
@@ -83,13 +84,22 @@ const char *keep(text_owner &slot, std::string_view text)
  *  all threads. */
 int create_directory(const char *path, mode_t mode)
 {
-    if (::mkdir(path, 0700) != 0)
+    if (::mkdir(path, mode | 0700) != 0)
     {
         return -1;
     }
     const tarn::unique_fd fd(tarn::retry_eintr(
         [path] { return ::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
-    return fd ? ::fchmod(fd.get(), mode) : -1;
+    struct stat status
+    {
+    };
+    if (!fd || ::fstat(fd.get(), &status) != 0)
+    {
+        return -1;
+    }
+    // A group that the parent hands down stays. EPERM: the file system knows no owners and modes.
+    const mode_t wanted = mode | (status.st_mode & S_ISGID);
+    return ::fchmod(fd.get(), wanted) == 0 || errno == EPERM ? 0 : -1;
 }
 
 unsigned char type_of(mode_t mode)
@@ -129,7 +139,7 @@ bool advance(TARN_DIR_ITOR itor)
             continue;
         }
         itor->entry.type = type;
-        tarn_mem_copy(itor->entry.name, found->d_name, std::strlen(found->d_name) + 1);
+        (void)tarn::text_writer(itor->entry.name, path_size).append(found->d_name);
         itor->dent = &itor->entry;
         return true;
     }
