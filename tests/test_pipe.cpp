@@ -9,8 +9,12 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <thread>
 
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -92,6 +96,57 @@ TEST(Pipe, StatedOrderNeedsAPeerThatHoldsItsReadEnd)
     expect_check("RVON(p,-3)");
     EXPECT_EQ(tarn_pipe_read(nullptr, nullptr, 1, nullptr), -3);
     EXPECT_EQ(tarn_pipe_write(nullptr, nullptr, 1, nullptr), -3);
+}
+
+/** Meets the stated calls of the other process: holds the FIFO that this one reads, then waits until
+ *  it can open the other one, and sends back what comes. */
+TARN_TEST_ROLE(raw_peer)
+{
+    const std::string &in_path = args[0];
+    const std::string &out_path = args[1];
+    if (::mkfifo(in_path.c_str(), 0600) != 0)
+    {
+        return 1;
+    }
+    const int in = ::open(in_path.c_str(), O_RDONLY | O_NONBLOCK);
+    std::printf("ready\n");
+    std::fflush(stdout);
+    int out = -1;
+    (void)support::wait_until(
+        [&] { return (out = ::open(out_path.c_str(), O_WRONLY | O_NONBLOCK)) >= 0; });
+    char buf[64];
+    ssize_t n = -1;
+    while ((n = ::read(in, buf, sizeof buf)) != 0)
+    {
+        if (n > 0 && ::write(out, buf, static_cast<size_t>(n)) != n)
+        {
+            return 2;
+        }
+    }
+    return ::unlink(in_path.c_str()) == 0 ? 0 : 3; // it was left to its maker
+}
+
+TEST(Pipe, BothStatedFormsTalkToARawPeer)
+{
+    for (const bool creates : {true, false})
+    {
+        const std::string name = support::unique_name("pipe");
+        const std::string in = creates ? rd_path(name) : wr_path(name);
+        const std::string out = creates ? wr_path(name) : rd_path(name);
+        auto peer = support::child_process::role("raw_peer", {out, in});
+        ASSERT_TRUE(peer.wait_for_line("ready"));
+        pipe_owner p(creates ? tarn_pipe_create(name.c_str()) : tarn_pipe_open(name.c_str()));
+        ASSERT_TRUE(p);
+        ASSERT_EQ(tarn_pipe_write(p.get(), "there and back", 14, nullptr), 0);
+        char echo[64] = "";
+        size_t n = 0;
+        EXPECT_TRUE(support::wait_until(
+            [&] { return tarn_pipe_read(p.get(), echo, sizeof echo, &n) == 0; }));
+        EXPECT_EQ(std::string_view(echo, n), "there and back");
+        p.reset();
+        EXPECT_EQ(peer.wait(), 0);
+        EXPECT_FALSE(exists(in));
+    }
 }
 
 TEST(Pipe, PlantedLinksAndFilesAreNotOpened)
@@ -194,20 +249,86 @@ TEST(Pipe, TwoProcessesMeetAndTalkInBothDirections)
     ::unlink(wr_path(name).c_str());
 }
 
+/** The raw end of a FIFO as soon as it can be opened. */
+tarn::unique_fd open_soon(const std::string &path, int access_mode)
+{
+    tarn::unique_fd fd;
+    EXPECT_TRUE(support::wait_until([&] {
+        fd.reset(::open(path.c_str(), access_mode | O_NONBLOCK));
+        return static_cast<bool>(fd);
+    }));
+    return fd;
+}
+
+/** Waits until somebody holds the write end of a raw read end. */
+void wait_for_writer(const tarn::unique_fd &in)
+{
+    char byte = 0;
+    EXPECT_TRUE(support::wait_until([&] { return ::read(in.get(), &byte, 1) == -1; }));
+}
+
+TEST(Pipe, WaitFormOutlastsAPeerThatGivesUpHalfWay)
+{
+    const std::string name = support::unique_name("pipe");
+    pipe_owner p;
+    std::thread waiting([&] { p.reset(tarn_pipe_create_wait(name.c_str(), 20000)); });
+    // It gives up when the other side holds the write end already, and takes the FIFO with it.
+    tarn::unique_fd in = open_soon(wr_path(name), O_RDONLY);
+    wait_for_writer(in);
+    ASSERT_EQ(::unlink(wr_path(name).c_str()), 0);
+    in.reset();
+    in = open_soon(wr_path(name), O_RDONLY); // made anew
+    const tarn::unique_fd out = open_soon(rd_path(name), O_WRONLY);
+    waiting.join();
+    ASSERT_TRUE(p);
+    char text[4] = "";
+    EXPECT_EQ(tarn_pipe_write(p.get(), "new", 3, nullptr), 0);
+    EXPECT_EQ(::read(in.get(), text, sizeof text), 3);
+}
+
+TEST(Pipe, WaitFormReadsAPeerThatHasWrittenAndGone)
+{
+    const std::string name = support::unique_name("pipe");
+    ASSERT_EQ(::mkfifo(wr_path(name).c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo(rd_path(name).c_str(), 0600), 0);
+    tarn::unique_fd in = open_soon(wr_path(name), O_RDONLY);
+    pipe_owner p;
+    std::thread waiting([&] { p.reset(tarn_pipe_create_wait(name.c_str(), 20000)); });
+    wait_for_writer(in);
+    tarn::unique_fd out = open_soon(rd_path(name), O_WRONLY);
+    EXPECT_EQ(::write(out.get(), "bye", 3), 3);
+    out.reset();
+    in.reset();
+    ::unlink(rd_path(name).c_str());
+    ::unlink(wr_path(name).c_str());
+    waiting.join();
+    ASSERT_TRUE(p);
+    char text[4] = "";
+    EXPECT_EQ(tarn_pipe_read(p.get(), text, sizeof text, nullptr), 0);
+    EXPECT_STREQ(text, "bye");
+    EXPECT_EQ(tarn_pipe_read(p.get(), text, sizeof text, nullptr), -2);
+}
+
 TEST(Dll, LoadsCallsAndUnloadsWithoutLeak)
 {
     const support::leak_check leaks;
+    const support::level_scope quiet(TARN_LOG_LEVEL_INFO);
+    const char *const library = TARN_WATCHPROCESS_DIR "/nothing/libwatchprocess.so";
+    size_t used = 0;
     for (int i = 0; i < 10000; ++i)
     {
-        const support::level_scope quiet(TARN_LOG_LEVEL_INFO);
-        TARN_DLL d = tarn_dll_load("libm.so.6");
+        TARN_DLL d = tarn_dll_load(library);
         ASSERT_NE(d, nullptr);
-        using function = double (*)(double);
-        const auto root = reinterpret_cast<function>(tarn_dll_get_function(d, "sqrt"));
-        ASSERT_NE(root, nullptr);
-        EXPECT_EQ(root(9.0), 3.0);
+        using function = const char *(*)(int);
+        const auto text =
+            reinterpret_cast<function>(tarn_dll_get_function(d, "watch_process_error_string"));
+        ASSERT_NE(text, nullptr);
+        ASSERT_STREQ(text(0), "good");
         tarn_close_handle(d);
+        ASSERT_EQ(::dlopen(library, RTLD_NOW | RTLD_NOLOAD), nullptr); // really gone
+        used = i == 99 ? ::mallinfo2().uordblks : used;
     }
+    EXPECT_LT(::mallinfo2().uordblks, used + 9900 * 8); // the smallest leak would be twice that
 }
 
 TEST(Dll, MissingFilesAndSymbolsAreReported)

@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -101,12 +102,22 @@ int open_fifo(const char *path, int access_mode)
     return fd.release();
 }
 
+void log_write_open_failure(const char *path, int error)
+{
+    TARN_LOG_ERROR("cannot open pipe %s for write, error = %d", path, error);
+}
+
+void log_read_open_failure(const char *path, int error)
+{
+    TARN_LOG_ERROR("cannot open pipe %s for read, error = %d", path, error);
+}
+
 bool open_write_end(TARN_PIPE p, const char *path)
 {
     p->write_fd = open_fifo(path, O_WRONLY);
     if (p->write_fd < 0)
     {
-        TARN_LOG_ERROR("cannot open pipe %s for write, error = %d", path, errno);
+        log_write_open_failure(path, errno);
     }
     return p->write_fd >= 0;
 }
@@ -116,7 +127,7 @@ bool open_read_end(TARN_PIPE p, const char *path)
     p->read_fd = open_fifo(path, O_RDONLY);
     if (p->read_fd < 0)
     {
-        TARN_LOG_ERROR("cannot open pipe %s for read, error = %d", path, errno);
+        log_read_open_failure(path, errno);
     }
     return p->read_fd >= 0;
 }
@@ -159,6 +170,15 @@ bool is_at(int fd, const char *path)
            open_one.st_dev == named.st_dev && open_one.st_ino == named.st_ino;
 }
 
+/** Close a descriptor that is no longer what stands at the path. */
+void drop_if_gone(int32_t *fd, const char *path)
+{
+    if (*fd >= 0 && !is_at(*fd, path))
+    {
+        tarn::close_fd(std::exchange(*fd, -1));
+    }
+}
+
 bool make_missing(const char *path, char **made)
 {
     struct stat status
@@ -172,16 +192,25 @@ bool make_missing(const char *path, char **made)
     return make_fifo(path, made);
 }
 
-/** Hold the read end of what stands at the path now. */
+/** Hold the read end of what stands at the path now. A peer that is just closing may remove it
+ *  before it is open: the next try makes it anew. */
 bool hold_read_end(TARN_PIPE p, const char *path)
 {
-    if (p->read_fd >= 0 && is_at(p->read_fd, path))
+    drop_if_gone(&p->read_fd, path);
+    if (p->read_fd < 0 && !make_missing(path, &p->read_path))
     {
-        return true;
+        return false;
     }
-    tarn::close_fd(std::exchange(p->read_fd, -1));
-    tarn::close_fd(std::exchange(p->write_fd, -1)); // belongs to the same earlier peer
-    return make_missing(path, &p->read_path) && open_read_end(p, path);
+    if (p->read_fd < 0)
+    {
+        p->read_fd = open_fifo(path, O_RDONLY);
+    }
+    if (p->read_fd < 0 && errno != ENOENT)
+    {
+        log_read_open_failure(path, errno);
+        return false;
+    }
+    return true;
 }
 
 /** Tells whether somebody holds the write end of a FIFO: a read would say "closed" until then.
@@ -210,11 +239,28 @@ private:
     tarn::unique_fd in_;
 };
 
+/** True when writers were there and all have closed. */
+bool writers_are_gone(int read_fd)
+{
+    pollfd watched = {read_fd, POLLIN, 0};
+    return ::poll(&watched, 1, 0) == 1 && (watched.revents & POLLHUP) != 0;
+}
+
+/** True when the peer holds its ends of both FIFOs, or has come, written and gone. In that order:
+ *  a peer closes its ends before it removes the FIFOs. A live writer, while our write end is not
+ *  what stands at the path, is another peer than the one which that end belongs to. */
+bool has_met(TARN_PIPE p, const side &paths, const writer_probe &probe)
+{
+    return p->read_fd >= 0 && p->write_fd >= 0 && probe.has_writer(p->read_fd) &&
+           (is_at(p->write_fd, paths.write_path) || writers_are_gone(p->read_fd));
+}
+
 /** One try to meet the peer.
  *  @return 0 when both directions stand; the error number to report, ENXIO and ENOENT meaning that
  *          the peer is not there yet */
 int try_to_meet(TARN_PIPE p, const side &paths, const writer_probe &probe)
 {
+    drop_if_gone(&p->write_fd, paths.write_path);
     if (p->write_fd < 0)
     {
         p->write_fd = open_fifo(paths.write_path, O_WRONLY);
@@ -223,7 +269,7 @@ int try_to_meet(TARN_PIPE p, const side &paths, const writer_probe &probe)
     {
         return errno;
     }
-    return probe.has_writer(p->read_fd) ? 0 : ENXIO;
+    return has_met(p, paths, probe) ? 0 : ENXIO;
 }
 
 bool meet_peer(TARN_PIPE p, const side &paths, uint32_t timeout_ms)
@@ -234,7 +280,7 @@ bool meet_peer(TARN_PIPE p, const side &paths, uint32_t timeout_ms)
     {
         return false;
     }
-    for (;;)
+    while (!has_met(p, paths, probe))
     {
         if (!hold_read_end(p, paths.read_path) || !make_missing(paths.write_path, &p->write_path))
         {
@@ -249,12 +295,13 @@ bool meet_peer(TARN_PIPE p, const side &paths, uint32_t timeout_ms)
         const bool late = timeout_ms != TARN_INFINITE && elapsed >= timeout_ms;
         if ((error != ENXIO && error != ENOENT) || late || tarn_thread_sleep(0))
         {
-            TARN_LOG_ERROR("cannot open pipe %s for write, error = %d", paths.write_path, error);
+            log_write_open_failure(paths.write_path, error);
             return false;
         }
         tarn_sleep_ms(timeout_ms == TARN_INFINITE ? retry_ms
                                                   : std::min(retry_ms, timeout_ms - elapsed));
     }
+    return true;
 }
 
 TARN_PIPE pipe_create_wait(const side &paths, uint32_t timeout_ms)
