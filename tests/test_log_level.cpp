@@ -8,6 +8,8 @@
 #include <filesystem>
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -64,6 +66,10 @@ TARN_TEST_ROLE(level_monitor)
         return 1;
     }
     tarn_log_level_set(TARN_LOG_LEVEL_DEBUG);
+    if (args.size() > 1)
+    {
+        (void)::seteuid(65534);
+    }
     const int rc = tarn_log_level_monitor_start();
     if (rc == 0 && tarn_log_level_monitor_start() >= 0)
     {
@@ -76,6 +82,7 @@ TARN_TEST_ROLE(level_monitor)
         TARN_LOG_WARN("a warning");
         TARN_LOG_FATAL("%.*s", static_cast<int>(line.find('\n')), line.c_str());
     }
+    (void)::seteuid(::getuid()); // a leak checker needs the rights
     tarn_uninit();
     return 0;
 }
@@ -153,6 +160,48 @@ TEST_F(LevelMonitor, PlantedLinksAndPipesAreRefused)
         std::filesystem::remove(file_);
     }
     EXPECT_FALSE(std::filesystem::exists(dir.file("target")));
+}
+
+TEST_F(LevelMonitor, AFileThatCannotBeReadChangesNothing)
+{
+    std::filesystem::create_directory(level_dir);
+    support::write_file(file_, "ERROR\n");
+    ASSERT_EQ(::chmod(file_.c_str(), 0200), 0);
+    auto child = support::child_process::role("level_monitor", {name_, "as an ordinary user"});
+    EXPECT_TRUE(child.wait_for_line("read " + file_ + " get (null)"));
+    EXPECT_TRUE(child.wait_for_line("load the log level \"DEBUG\" from " + file_));
+    EXPECT_TRUE(child.wait_for_line("fail to start thread"));
+    EXPECT_TRUE(child.wait_for_line("result -1"));
+    child.close_input();
+    EXPECT_EQ(child.wait(), 0);
+}
+
+/** Starts the monitor where its directory is a link; in a /tmp of its own. */
+TARN_TEST_ROLE(planted_directory)
+{
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("none", "/tmp", "tmpfs", 0, nullptr) != 0)
+    {
+        std::printf("refused\n");
+        return 0;
+    }
+    if (::mkdir("/tmp/victim", 0777) != 0 || ::symlink("/tmp/victim", level_dir) != 0 ||
+        tarn_log_level_monitor_start() >= 0)
+    {
+        return 1;
+    }
+    return std::filesystem::is_empty("/tmp/victim") ? 0 : 2;
+}
+
+TEST_F(LevelMonitor, APlantedDirectoryIsRefused)
+{
+    auto child = support::child_process::role("planted_directory");
+    const std::string told = child.read_rest();
+    EXPECT_TRUE(told.find("fail to create dir /tmp/tarn_log_level") != std::string::npos ||
+                told == "refused\n")
+        << told;
+    EXPECT_EQ(child.wait(), 0);
 }
 
 TEST_F(LevelMonitor, ALongNameIsNotCut)

@@ -34,19 +34,17 @@ constinit std::atomic<bool> started{false};
 /** Kept for the rest of the process. */
 constinit TARN_FILE_MONITOR level_monitor = nullptr;
 
-/** A regular file without following a link; invalid, with errno, otherwise. */
-tarn::unique_fd open_regular(int dir, const char *name)
+/** Open a regular file without following a link; empty otherwise. */
+tarn::unique_fd open_regular(const char *path)
 {
-    tarn::unique_fd fd(tarn::retry_eintr([&] {
-        return ::openat(dir, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    }));
+    constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+    tarn::unique_fd fd(tarn::retry_eintr([path] { return ::open(path, flags); }));
     struct stat status
     {
     };
     if (fd && (::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)))
     {
         fd.reset();
-        errno = EINVAL;
     }
     return fd;
 }
@@ -106,14 +104,16 @@ int write_level_file(int dir, const char *path, const char *name)
 /** Load the level from the file, or make the file. */
 int meet_level_file(int dir, const char *path, const char *name)
 {
-    if (::faccessat(dir, name, F_OK, AT_SYMLINK_NOFOLLOW) != 0)
+    struct stat status
+    {
+    };
+    if (::fstatat(dir, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
     {
         return write_level_file(dir, path, name);
     }
-    const tarn::unique_fd fd = open_regular(dir, name);
-    if (!fd)
+    if (!S_ISREG(status.st_mode))
     {
-        return cannot_write(path, errno);
+        return cannot_write(path, EEXIST);
     }
     tarn_log_level_set(log_level_file_read(path));
     TARN_LOG_DEBUG("load the log level \"%s\" from %s",
@@ -171,7 +171,7 @@ int32_t log_level_file_read(const char *path)
     const int32_t current = __atomic_load_n(&tarn_log_level, __ATOMIC_RELAXED);
     RVON(path, current);
     char text[max_text + 1];
-    const tarn::unique_fd fd = open_regular(AT_FDCWD, path);
+    const tarn::unique_fd fd = open_regular(path);
     const bool read = fd && read_text(fd.get(), text);
     TARN_LOG_DEBUG("read %s get %s", path, read ? text : "(null)");
     return read ? log_level_from_str(text) : current;
