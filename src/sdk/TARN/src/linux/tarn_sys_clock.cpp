@@ -198,10 +198,11 @@ uint32_t tarn_tick_ms(void)
     for (;;)
     {
         const timespec now = monotonic_now();
-        const uint64_t ms = static_cast<uint64_t>(now.tv_sec) * 1000 +
-                            static_cast<uint64_t>(now.tv_nsec) / 1000000 +
-                            tarn::tick_ms_offset.load(std::memory_order_relaxed);
-        if (const auto tick = static_cast<uint32_t>(ms); tick != 0)
+        // In 32 bits, which is quicker: what they cut off is nothing that the result would keep.
+        const uint32_t tick = static_cast<uint32_t>(now.tv_sec) * 1000u +
+                              static_cast<uint32_t>(now.tv_nsec) / 1000000u +
+                              tarn::tick_ms_offset.load(std::memory_order_relaxed);
+        if (tick != 0)
         {
             return tick;
         }
