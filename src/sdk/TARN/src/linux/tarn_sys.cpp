@@ -55,8 +55,12 @@ struct printed
 printed print_time(char *buf, size_t len, const tarn_time *time, const char *format, bool local)
 {
     printed p{};
-    const time_t seconds = time != nullptr ? static_cast<time_t>(time->seconds) : ::time(nullptr);
     buf[0] = '\0';
+    if (time != nullptr && time->seconds > INT64_MAX)
+    {
+        return p; // a time_t would be negative
+    }
+    const time_t seconds = time != nullptr ? static_cast<time_t>(time->seconds) : ::time(nullptr);
     {
         // The zone is read from the environment, by strftime() too; a thread cancelled inside would
         // leave the C library's own lock held.
