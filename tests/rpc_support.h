@@ -9,7 +9,9 @@
 #include "tarn_socket_port.h"
 #include "tarn_sys.h"
 #include "tarn_sys_internal.h"
+#if defined(TARN_WITH_TLS)
 #include "tlsu_support.h"
+#endif
 
 #include <cstring>
 #include <memory>
@@ -38,39 +40,12 @@ struct transport
     }
 };
 
-/** What an end of a TLS connection shows; lives as long as the process. */
-class identity_record
-{
-public:
-    explicit identity_record(const tlsu_test::identity &who)
-        : chain_(tlsu_test::encipher(tlsu_test::all().chain)),
-          cert_(tlsu_test::encipher(who.cert_text)),
-          key_(tlsu_test::encipher(who.key_text)), record_{sizeof record_,
-                                                           TLSU_FLAG_REQUIRE_PEER_CERT,
-                                                           tlsu_test::secret,
-                                                           chain_.data(),
-                                                           cert_.data(),
-                                                           key_.data(),
-                                                           tlsu_test::length(chain_),
-                                                           tlsu_test::length(cert_),
-                                                           tlsu_test::length(key_),
-                                                           0}
-    {
-    }
-    [[nodiscard]] const tlsu_credentials *get() const
-    {
-        return &record_;
-    }
-
-private:
-    std::string chain_;
-    std::string cert_;
-    std::string key_;
-    tlsu_credentials record_;
-};
-
 /** The kinds of transports; a further one is one line in both. Raw peers speak no TLS. */
+#if defined(TARN_WITH_TLS)
 inline const auto kinds = testing::Values("tcp", "local", "tls");
+#else
+inline const auto kinds = testing::Values("tcp", "local");
+#endif
 inline const auto raw_kinds = testing::Values("tcp", "local");
 inline transport make_transport(const std::string &kind)
 {
@@ -79,13 +54,13 @@ inline transport make_transport(const std::string &kind)
         return {.addr = support::unique_name("rpc"), .port = ""};
     }
     transport at = {.addr = "127.0.0.1", .port = std::to_string(support::free_port())};
+#if defined(TARN_WITH_TLS)
     if (kind == "tls")
     {
-        static const identity_record server(tlsu_test::all().server);
-        static const identity_record client(tlsu_test::all().client);
-        at.server_secret = server.get();
-        at.client_secret = client.get();
+        at.server_secret = tlsu_test::server_credentials().get();
+        at.client_secret = tlsu_test::client_credentials().get();
     }
+#endif
     return at;
 }
 

@@ -1,185 +1,25 @@
-// Connections and the connection server, without TLS; one suite over every kind of endpoint.
+// Connections and the connection server: one suite over every kind of endpoint, then particular
+// cases.
 
-#include "support.h"
+#include "conn_support.h"
 
-#include "tarn_conn.h"
 #include "tarn_conn_internal.h"
-#include "tarn_raii.h"
 #include "tarn_sys.h"
 #include "tarn_sys_internal.h"
 #include "tarn_thread.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <mutex>
-#include <thread>
 
 #include <sys/socket.h>
 #include <unistd.h>
 
+using namespace conn_test;
 using support::expect_check;
 using support::log_capture;
 using support::wait_until;
-using conn_owner = tarn::unique_handle<TARN_CONN, tarn_conn_destroy>;
-using server_owner = tarn::unique_handle<TARN_CONN_SERVER, tarn_conn_server_destroy>;
 
 namespace
 {
-
-/** Counts what a client's callbacks are told. */
-struct client_log
-{
-    std::atomic<int> connects{0};
-    std::atomic<int> disconnects{0};
-    std::atomic<int> answer{0};
-    std::atomic<bool> destroy_inside{false};
-
-    static int on_connect(TARN_CONN, void *context)
-    {
-        auto *self = static_cast<client_log *>(context);
-        ++self->connects;
-        return self->answer;
-    }
-    static void on_disconnect(TARN_CONN conn, void *context)
-    {
-        auto *self = static_cast<client_log *>(context);
-        ++self->disconnects;
-        if (self->destroy_inside)
-        {
-            tarn_conn_destroy(conn);
-        }
-    }
-};
-
-/** A server's upper level: keeps what it admits, destroys what breaks. With echo a thread per
- *  connection sends everything back. */
-struct echo_server
-{
-    std::atomic<int> admitted{0};
-    std::atomic<int> ended{0};
-    std::atomic<int> refuse{0};
-    bool echo = true;
-    std::mutex lock;
-    std::vector<TARN_CONN> live;
-    std::vector<std::thread> readers;
-
-    static int on_connect(TARN_CONN conn, void *context)
-    {
-        auto *self = static_cast<echo_server *>(context);
-        EXPECT_TRUE(tarn_conn_is_incoming(conn));
-        if (self->refuse != 0)
-        {
-            return self->refuse;
-        }
-        const std::lock_guard guard(self->lock);
-        ++self->admitted;
-        self->live.push_back(conn);
-        if (self->echo)
-        {
-            self->readers.emplace_back([conn] { serve(conn); });
-        }
-        return 0;
-    }
-    static void serve(TARN_CONN conn)
-    {
-        char buffer[65536];
-        for (;;)
-        {
-            const int n = tarn_conn_read(conn, buffer, sizeof buffer, 1000);
-            if (n < 0 || (n > 0 && tarn_conn_write(conn, buffer, static_cast<size_t>(n)) != n))
-            {
-                return;
-            }
-        }
-    }
-    static void on_disconnect(TARN_CONN conn, void *context)
-    {
-        auto *self = static_cast<echo_server *>(context);
-        const std::lock_guard guard(self->lock);
-        EXPECT_EQ(std::erase(self->live, conn), 1u) << "reported twice";
-        self->broken.push_back(conn);
-        ++self->ended;
-    }
-    size_t live_count()
-    {
-        const std::lock_guard guard(lock);
-        return live.size();
-    }
-    /** Readers are joined before their connections go. */
-    void finish()
-    {
-        for (auto &reader : readers)
-        {
-            reader.join();
-        }
-        readers.clear();
-        for (TARN_CONN conn : broken)
-        {
-            tarn_conn_destroy(conn);
-        }
-        broken.clear();
-    }
-    std::vector<TARN_CONN> broken;
-};
-
-struct endpoint
-{
-    const char *kind;
-    std::string addr;
-    std::string port;
-    [[nodiscard]] const char *port_or_null() const
-    {
-        return port.empty() ? nullptr : port.c_str();
-    }
-};
-
-endpoint make_endpoint(const std::string &kind)
-{
-    if (kind == "ipv4")
-    {
-        return {"ipv4", "127.0.0.1", std::to_string(support::free_port())};
-    }
-    if (kind == "ipv6")
-    {
-        return {"ipv6", "::1", std::to_string(support::free_port())};
-    }
-    return {"local", support::unique_name("conn"), ""};
-}
-
-server_owner start_server(const endpoint &at, echo_server *upper, uint32_t max_conn = 16)
-{
-    server_owner svr(tarn_conn_server_create(nullptr, at.addr.c_str(), at.port_or_null(),
-                                             TARN_INFINITE, max_conn, echo_server::on_connect,
-                                             echo_server::on_disconnect, upper));
-    EXPECT_TRUE(svr);
-    EXPECT_EQ(tarn_conn_server_loop_start(svr.get()), 0);
-    return svr;
-}
-
-conn_owner make_client(const endpoint &at, client_log *log = nullptr)
-{
-    return conn_owner(tarn_conn_create(nullptr, nullptr, nullptr, at.addr.c_str(),
-                                       at.port_or_null(), 5000,
-                                       log != nullptr ? client_log::on_connect : nullptr,
-                                       log != nullptr ? client_log::on_disconnect : nullptr, log));
-}
-
-std::string read_exactly(TARN_CONN conn, size_t size)
-{
-    std::string text(size, '\0');
-    size_t got = 0;
-    while (got < size)
-    {
-        const int n = tarn_conn_read(conn, text.data() + got, size - got, 10000);
-        if (n <= 0)
-        {
-            break;
-        }
-        got += static_cast<size_t>(n);
-    }
-    text.resize(got);
-    return text;
-}
 
 class Conn : public testing::TestWithParam<const char *>
 {
@@ -190,7 +30,7 @@ protected:
     endpoint at_ = make_endpoint(GetParam());
 };
 
-INSTANTIATE_TEST_SUITE_P(Endpoints, Conn, testing::Values("ipv4", "ipv6", "local"),
+INSTANTIATE_TEST_SUITE_P(Endpoints, Conn, kinds,
                          [](const auto &kind) { return std::string(kind.param); });
 
 TEST_P(Conn, CarriesBytesBothWaysAndReportsItsEnds)
@@ -348,7 +188,8 @@ TEST_P(Conn, ChurnLeavesNothing)
     echo_server upper;
     {
         const server_owner svr = start_server(at_, &upper, 64);
-        const int rounds = support::with_sanitizer ? 100 : 1000;
+        const bool is_slow = support::with_sanitizer || at_.server_secret != nullptr;
+        const int rounds = is_slow ? 100 : 1000;
         for (int i = 0; i < rounds; ++i)
         {
             const conn_owner client = make_client(at_);
@@ -368,20 +209,28 @@ TEST_P(Conn, ChurnLeavesNothing)
 TEST_P(Conn, TurnsMayBeRunByTheCaller)
 {
     echo_server upper;
-    server_owner svr(tarn_conn_server_create(nullptr, at_.addr.c_str(), at_.port_or_null(), 30, 4,
-                                             echo_server::on_connect, nullptr, &upper));
+    server_owner svr(tarn_conn_server_create(at_.server_secret, at_.addr.c_str(),
+                                             at_.port_or_null(), 30, 4, echo_server::on_connect,
+                                             nullptr, &upper));
     ASSERT_TRUE(svr);
     EXPECT_NE(tarn_conn_server_socket(svr.get()), nullptr);
     const double waited =
         support::elapsed_ms([&] { EXPECT_EQ(tarn_conn_server_loop(svr.get()), 0); });
     EXPECT_GE(waited, 28.0);
     const conn_owner client = make_client(at_);
-    ASSERT_EQ(tarn_conn_connect(client.get()), 0);
-    EXPECT_EQ(tarn_conn_server_loop(svr.get()), 0);
-    EXPECT_EQ(upper.admitted, 1);
+    std::thread connecting([&] { EXPECT_EQ(tarn_conn_connect(client.get()), 0); });
+    while (upper.admitted == 0)
+    {
+        ASSERT_EQ(tarn_conn_server_loop(svr.get()), 0);
+    }
+    connecting.join();
     ASSERT_EQ(tarn_conn_server_loop_start(svr.get()), 0);
     const support::level_scope debug(TARN_LOG_LEVEL_DEBUG);
     expect_check("RVOF(TARN_INVALID_HANDLE == svr->thread,TARN_ERRLN)");
+    if (at_.server_secret != nullptr)
+    {
+        expect_check("RVON(cli_conn_h,NULL)"); // nobody came
+    }
     EXPECT_LT(tarn_conn_server_loop(svr.get()), 0);
     EXPECT_LT(tarn_conn_server_loop_start(svr.get()), 0);
     tarn_conn_server_loop_stop(svr.get());
@@ -445,6 +294,21 @@ TEST_F(ConnCase, MissingArgumentsAndRefusalsAreReported)
     svr.reset();
     upper.finish();
 }
+
+#if !defined(TARN_WITH_TLS)
+TEST_F(ConnCase, CredentialsNeedTheTlsUtility)
+{
+    const log_capture log;
+    const struct tlsu_credentials *const any = reinterpret_cast<struct tlsu_credentials *>(&layer_);
+    EXPECT_EQ(
+        tarn_conn_create(any, nullptr, nullptr, "127.0.0.1", "1", 1, nullptr, nullptr, nullptr),
+        nullptr);
+    EXPECT_EQ(tarn_conn_server_create(any, "127.0.0.1", "0", 1, 1, echo_server::on_connect, nullptr,
+                                      nullptr),
+              nullptr);
+    EXPECT_EQ(log.count("TLS util library is not available!"), 2u);
+}
+#endif
 
 TEST_F(ConnCase, AddressWalkGoesOnAfterASuccessAndTheLastAttemptDecides)
 {

@@ -462,46 +462,6 @@ TEST(Session, IsNotMadeWithoutWhatItNeeds)
 
 // ---- the openssl program ---------------------------------------------------------------------------
 
-/** Credentials as the files that the program reads. */
-class pem_files
-{
-public:
-    pem_files()
-    {
-        support::write_file(path("chain"), all().chain);
-        support::write_file(path("root"), all().root.cert_text);
-        support::write_file(path("middle"), all().middle.cert_text);
-        write("server", all().server);
-        write("client", all().client);
-        write("stranger", all().stranger);
-    }
-    [[nodiscard]] std::string path(const std::string &name) const
-    {
-        return dir_.file(name);
-    }
-    /** Options that make the program present an identity. */
-    [[nodiscard]] std::vector<std::string> present(const std::string &name) const
-    {
-        return {"-cert", path(name), "-key", path(name + "_key"), "-cert_chain", path("middle")};
-    }
-
-private:
-    void write(const std::string &name, const identity &of) const
-    {
-        support::write_file(path(name), of.cert_text);
-        support::write_file(path(name + "_key"), of.key_text);
-    }
-    support::temp_dir dir_;
-};
-
-support::child_process start_openssl(std::vector<std::string> arguments,
-                                     const std::vector<std::string> &more)
-{
-    arguments.insert(arguments.begin(), {"/usr/bin/env", "openssl"});
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    return support::child_process::program(arguments);
-}
-
 int tcp_socket(uint16_t port, bool listens)
 {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -557,8 +517,7 @@ TEST(Interop, ServesTheOpensslClient)
             {
                 std::vector<std::string> options = {version, "-CAfile", files.path("root"),
                                                     "-verify_return_error"};
-                const auto presented =
-                    who.empty() ? std::vector<std::string>() : files.present(who);
+                const auto presented = files.present(who);
                 options.insert(options.end(), presented.begin(), presented.end());
                 const bool admitted = who == "client" || (who.empty() && flags == 0);
                 const auto talk = [&](socket_connection &server, support::child_process &program) {
@@ -615,16 +574,7 @@ bool connect_to_program(
     const std::function<void(socket_connection &, support::child_process &)> &then)
 {
     auto program = start_openssl({"s_server", "-accept", "127.0.0.1:0"}, options);
-    std::string line;
-    do
-    {
-        line = program.read_line();
-    } while (!line.empty() && !line.starts_with("ACCEPT 127.0.0.1:"));
-    const size_t colon = line.rfind(':');
-    EXPECT_NE(colon, std::string::npos) << line;
-    socket_connection client(
-        TLSU_CONN_TYPE_CLIENT,
-        tcp_socket(static_cast<uint16_t>(std::stoi(line.substr(colon + 1))), false));
+    socket_connection client(TLSU_CONN_TYPE_CLIENT, tcp_socket(port_of_s_server(program), false));
     client.record.flags = flags;
     client.record.piece_size = piece_size;
     client.peer_name = name;

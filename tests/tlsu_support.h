@@ -217,6 +217,102 @@ inline const authority &all()
     return made;
 }
 
+/** What an end of a TLS connection is created with. */
+class credentials
+{
+public:
+    explicit credentials(const identity &who, uint32_t flags = TLSU_FLAG_REQUIRE_PEER_CERT,
+                         const char *with = secret)
+        : chain_(encipher(all().chain)), cert_(encipher(who.cert_text)),
+          key_(encipher(who.key_text)), record_{sizeof record_, flags,
+                                                with,           chain_.data(),
+                                                cert_.data(),   key_.data(),
+                                                length(chain_), length(cert_),
+                                                length(key_),   0}
+    {
+    }
+    [[nodiscard]] const tlsu_credentials *get() const
+    {
+        return &record_;
+    }
+
+private:
+    std::string chain_;
+    std::string cert_;
+    std::string key_;
+    tlsu_credentials record_;
+};
+
+/** Those of the two ends that know each other. */
+inline const credentials &server_credentials()
+{
+    static const credentials made(all().server);
+    return made;
+}
+inline const credentials &client_credentials()
+{
+    static const credentials made(all().client);
+    return made;
+}
+
+/** The authority as files that the openssl program reads. */
+class pem_files
+{
+public:
+    pem_files()
+    {
+        support::write_file(path("chain"), all().chain);
+        support::write_file(path("root"), all().root.cert_text);
+        support::write_file(path("middle"), all().middle.cert_text);
+        write("server", all().server);
+        write("client", all().client);
+        write("stranger", all().stranger);
+    }
+    [[nodiscard]] std::string path(const std::string &name) const
+    {
+        return dir_.file(name);
+    }
+    /** Options that make the program present an identity; none for an empty name. */
+    [[nodiscard]] std::vector<std::string> present(const std::string &name) const
+    {
+        return name.empty() ? std::vector<std::string>()
+                            : std::vector<std::string>{"-cert",       path(name),
+                                                       "-key",        path(name + "_key"),
+                                                       "-cert_chain", path("middle")};
+    }
+
+private:
+    void write(const std::string &name, const identity &of) const
+    {
+        support::write_file(path(name), of.cert_text);
+        support::write_file(path(name + "_key"), of.key_text);
+    }
+    support::temp_dir dir_;
+};
+
+/** Starts the openssl program, to talk with. */
+inline support::child_process start_openssl(std::vector<std::string> arguments,
+                                            const std::vector<std::string> &more)
+{
+    arguments.insert(arguments.begin(), {"/usr/bin/env", "openssl"});
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return support::child_process::program(arguments);
+}
+
+/** Port on which s_server says that it listens; 0 when it says nothing. */
+inline uint16_t port_of_s_server(support::child_process &program)
+{
+    std::string line;
+    do
+    {
+        line = program.read_line();
+    } while (!line.empty() && !line.starts_with("ACCEPT "));
+    const size_t colon = line.rfind(':');
+    EXPECT_NE(colon, std::string::npos) << line;
+    return colon == std::string::npos ? uint16_t{0}
+                                      : static_cast<uint16_t>(std::stoi(line.substr(colon + 1)));
+}
+
 // ---- connections -----------------------------------------------------------------------------------
 
 /** Where the two ways to connect meet: the entries of a connection record over virtual functions. */

@@ -9,6 +9,12 @@
  *  the connection before it: the last address that is tried decides.
  *  TCP connections send at once (TCP_NODELAY).
  *
+ *  A TLS client has its time-out for the handshake too, 10 s when that is 0 or TARN_INFINITE. A
+ *  server gives each peer 10 s and works on up to 32 handshakes side by side: a peer that stalls or
+ *  fails in its handshake holds up the others for some 20 ms at most. While 32 peers stall, the
+ *  oldest of them gives way to a new one, but not before it has had a second: that second is the
+ *  longest that the others wait.
+ *
  *  A break is found by a read that fails: it disconnects, which calls on_disconnect, once per
  *  connection that stood. A failed or short write only reports.
  *
@@ -47,7 +53,7 @@ typedef void (*tarn_conn_on_disconnect)(TARN_CONN conn, void *context);
  *  @param bind_port  own port; null: any
  *  @param peer_addr  addresses, or the name of a local service; not null
  *  @param peer_port  ports; null: local
- *  @param timeout    of a connect, per address
+ *  @param timeout    of a connect, per address; then of a TLS handshake
  *  @param on_connect,on_disconnect  may be null
  *  @return the connection, destroyed with tarn_conn_destroy(); null when peer_addr is missing, the
  *          credentials make no TLS context, or memory ran out. */
@@ -128,7 +134,8 @@ TARN_API int tarn_conn_server_loop_start(TARN_CONN_SERVER svr);
 /** Stop that thread, if it runs; peers may still connect to the backlog. */
 TARN_API void tarn_conn_server_loop_stop(TARN_CONN_SERVER svr);
 
-/** Accept at most one peer on the calling thread; waits up to the server's time-out.
+/** Accept at most one peer on the calling thread; waits up to the server's time-out, and with TLS
+ *  for the end of a handshake, which may go on with the next call.
  *  @return 0; TARN_ERRLN while the server's own thread runs. */
 TARN_API int tarn_conn_server_loop(TARN_CONN_SERVER svr);
 

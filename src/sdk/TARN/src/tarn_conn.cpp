@@ -602,6 +602,10 @@ TARN_CONN tarn_conn_create(const struct tlsu_credentials *secret, const char *bi
     {
         if (secret != nullptr && tarn::conn_is_set(peer_port))
         {
+            if (!tarn::conn_has_tls())
+            {
+                break;
+            }
             tls_ctx_h = tarn::conn_make_tls_context(secret);
             BON(tls_ctx_h);
         }
@@ -625,7 +629,9 @@ TARN_CONN tarn_conn_create(const struct tlsu_credentials *secret, const char *bi
         BON(conn);
         conn->tls_ctx_h = tls_ctx_h;
         conn->owns_tls_ctx = 1;
-        tarn::conn_fill_tls_io(&conn->tls_io, tls_ctx_h != nullptr ? secret->flags : 0);
+        // A peer that is silent behind the connect has no more time than one that does not answer.
+        tarn::conn_fill_tls_io(&conn->tls_io, tls_ctx_h != nullptr ? secret->flags : 0,
+                               timeout == TARN_INFINITE ? 0 : timeout);
         conn->on_connect = on_connect;
         conn->on_disconnect = on_disconnect;
         conn->context = context;

@@ -161,12 +161,16 @@ void conn_abort(TARN_CONN conn);
 /** The TLS utility's functions; null without it. */
 const tlsu_if *conn_tls();
 
-/** New context of credentials, with the failure logged.
+/** Whether there is a table; logged when there is none. */
+bool conn_has_tls();
+
+/** New context of credentials.
  *  @return null on failure */
 TLSU_CTX conn_make_tls_context(const tlsu_credentials *secret);
 
-/** Fill in the record through which a session reaches its connection. */
-void conn_fill_tls_io(tlsu_conn_if_ex *io, uint32_t flags);
+/** Fill in the record through which a session reaches its connection.
+ *  @param handshake_timeout_ms  0: the TLS utility's own limit */
+void conn_fill_tls_io(tlsu_conn_if_ex *io, uint32_t flags, uint32_t handshake_timeout_ms);
 
 /** A new object of a kind, with one reference; null when memory ran out. */
 TARN_CONN conn_make(uint32_t kind, const char *bind_addr, const char *bind_port,

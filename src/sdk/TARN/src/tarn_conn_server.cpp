@@ -310,6 +310,10 @@ TARN_CONN make_listener(TARN_CONN_SERVER svr, const tlsu_credentials *secret, co
     {
         if (secret != nullptr && tarn::conn_is_set(port))
         {
+            if (!tarn::conn_has_tls())
+            {
+                break;
+            }
             tls_ctx_h = tarn::conn_make_tls_context(secret);
             BON(tls_ctx_h);
         }
@@ -322,7 +326,7 @@ TARN_CONN make_listener(TARN_CONN_SERVER svr, const tlsu_credentials *secret, co
         BON(conn);
         conn->tls_ctx_h = std::exchange(tls_ctx_h, nullptr);
         conn->owns_tls_ctx = 1;
-        tarn::conn_fill_tls_io(&conn->tls_io, conn->tls_ctx_h != nullptr ? secret->flags : 0);
+        tarn::conn_fill_tls_io(&conn->tls_io, conn->tls_ctx_h != nullptr ? secret->flags : 0, 0);
         conn->context = svr;
         conn_link *const link = tarn::conn_make_link(conn);
         if (link != nullptr && tarn::conn_walk_bind(link))

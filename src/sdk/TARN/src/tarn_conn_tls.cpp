@@ -202,18 +202,28 @@ const tlsu_if *conn_tls()
     return &table;
 }
 
-TLSU_CTX conn_make_tls_context(const tlsu_credentials *secret)
+bool conn_has_tls()
 {
     if (table.ctx_create == nullptr)
     {
         TARN_LOG_ERROR("TLS util library is not available!");
+        return false;
+    }
+    return true;
+}
+
+TLSU_CTX conn_make_tls_context(const tlsu_credentials *secret)
+{
+    if (secret->size < offsetof(tlsu_credentials, reserved))
+    {
+        TARN_LOG_ERROR("credentials of %u bytes are too short", secret->size);
         return nullptr;
     }
     return table.ctx_create(secret->secret, secret->chain, secret->chain_len, secret->cert,
                             secret->cert_len, secret->key, secret->key_len);
 }
 
-void conn_fill_tls_io(tlsu_conn_if_ex *io, uint32_t flags)
+void conn_fill_tls_io(tlsu_conn_if_ex *io, uint32_t flags, uint32_t handshake_timeout_ms)
 {
     *io = {};
     io->base.size = sizeof *io;
@@ -225,6 +235,7 @@ void conn_fill_tls_io(tlsu_conn_if_ex *io, uint32_t flags)
     io->base.send = tlsu_conn_send;
     io->base.receive = tlsu_conn_recv;
     io->flags = flags;
+    io->handshake_timeout_ms = handshake_timeout_ms;
     io->peer_name = tlsu_conn_peer_name;
     io->accept_now = tlsu_conn_accept_now;
     io->piece_size = 17408; // a whole TLS record at once
@@ -242,7 +253,6 @@ TARN_CONN conn_accept(conn_link *listener, uint32_t timeout_ms)
 bool tarn_conn_init(void)
 {
     table = {};
-#if defined(TARN_WITH_TLS)
     table.size = sizeof table;
     const int rc = tlsu_if_get(&table);
     if (rc != 0)
@@ -250,7 +260,6 @@ bool tarn_conn_init(void)
         TARN_LOG_ERROR("tlsu_if_get failed, rc = [%d]", rc);
         table = {};
     }
-#endif
     return true; // without a table only TLS connections fail
 }
 
