@@ -70,7 +70,7 @@ void in_namespace(const std::function<void()> &body)
         }
         ASSERT_EQ(refused, 0) << "no network namespace: " << std::strerror(refused) << "; set "
                               << do_without << " to leave out what needs one";
-        ASSERT_EQ(::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        ASSERT_EQ(::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr), 0);
         ASSERT_EQ(shell("ip link set lo up"), "");
         body();
     }).join();

@@ -253,6 +253,7 @@ TARN_CONN conn_accept(conn_link *listener, uint32_t timeout_ms)
 bool tarn_conn_init(void)
 {
     table = {};
+#if defined(TARN_WITH_TLS)
     table.size = sizeof table;
     const int rc = tlsu_if_get(&table);
     if (rc != 0)
@@ -260,6 +261,7 @@ bool tarn_conn_init(void)
         TARN_LOG_ERROR("tlsu_if_get failed, rc = [%d]", rc);
         table = {};
     }
+#endif
     return true; // without a table only TLS connections fail
 }
 
