@@ -2,6 +2,7 @@
 // cases.
 
 #include "conn_support.h"
+#include "support_net.h"
 
 #include "tarn_conn_internal.h"
 #include "tarn_sys.h"
@@ -9,6 +10,7 @@
 #include "tarn_thread.h"
 
 #include <cerrno>
+#include <cstdlib>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,6 +22,8 @@ using support::wait_until;
 
 namespace
 {
+
+const bool allowed = support::allow_namespaces();
 
 class Conn : public testing::TestWithParam<const char *>
 {
@@ -53,6 +57,8 @@ TEST_P(Conn, CarriesBytesBothWaysAndReportsItsEnds)
                   std::string(tarn_conn_local_endpoint(client.get())) + "<->" + peer);
 
         EXPECT_EQ(tarn_conn_idle_ms(client.get()), 0u);
+        EXPECT_LT(tarn_conn_read(client.get(), &byte, 0, TARN_INFINITE), 0); // changes nothing
+        EXPECT_LT(tarn_conn_read(client.get(), nullptr, 1, TARN_INFINITE), 0);
         EXPECT_EQ(tarn_conn_read(client.get(), &byte, 1, 20), 0); // nothing there
         EXPECT_GE(tarn_conn_idle_ms(client.get()), 15u);
         ASSERT_EQ(tarn_conn_write(client.get(), "hello", 5), 5);
@@ -183,27 +189,145 @@ TEST_P(Conn, AnotherThreadDisconnectsUnderReadAndWrite)
     upper.finish();
 }
 
-TEST_P(Conn, ChurnLeavesNothing)
+TEST_P(Conn, WriteThatThePeerCutsShortIsReportedAndTheNextReadFindsTheBreak)
 {
     echo_server upper;
+    upper.echo = false;
+    const log_capture log;
     {
-        const server_owner svr = start_server(at_, &upper, 64);
-        const bool is_slow = support::with_sanitizer || at_.server_secret != nullptr;
-        const int rounds = is_slow ? 100 : 1000;
-        for (int i = 0; i < rounds; ++i)
+        const server_owner svr = start_server(at_, &upper);
+        client_log told;
+        const conn_owner client = make_client(at_, &told);
+        ASSERT_EQ(tarn_conn_connect(client.get()), 0);
+        EXPECT_TRUE(wait_until([&] { return upper.live_count() == 1; }));
+        std::thread cutter([&] {
+            EXPECT_EQ(read_exactly(upper.live[0], 1), "w"); // the write has begun
+            tarn_conn_disconnect(upper.live[0]);
+        });
+        const std::string big(64u << 20, 'w');
+        EXPECT_LT(tarn_conn_write(client.get(), big.data(), big.size()),
+                  static_cast<int>(big.size()));
+        cutter.join();
+        EXPECT_TRUE(log.contains("error", at_.server_secret != nullptr
+                                              ? "SSL_write error = 5 ("
+                                              : "tarn_socket_send error = "));
+        EXPECT_EQ(told.disconnects, 0);
+        EXPECT_TRUE(tarn_conn_is_connected(client.get()));
+        char byte = 0;
+        EXPECT_LT(tarn_conn_read(client.get(), &byte, 1, 10000), 0);
+        EXPECT_EQ(told.disconnects, 1);
+    }
+    upper.finish();
+}
+
+/** Takes whatever connects, one after the other, on one thread of its own. */
+class turnstile
+{
+public:
+    explicit turnstile(const endpoint &at)
+        : svr_(tarn_conn_server_create(at.server_secret, at.addr.c_str(), at.port_or_null(),
+                                       TARN_INFINITE, 64, on_connect, on_disconnect, this))
+    {
+        EXPECT_EQ(tarn_conn_server_loop_start(svr_.get()), 0);
+        thread_ = std::thread([this] { serve(); });
+    }
+    /** Waits until all that were let in are gone. */
+    void finish()
+    {
+        EXPECT_TRUE(wait_until([this] { return ended == admitted; }));
+        ends_ = true;
+        thread_.join();
+        svr_.reset();
+        EXPECT_EQ(ended, admitted) << "none was left in the list";
+    }
+    std::atomic<int> admitted{0};
+    std::atomic<int> ended{0};
+
+private:
+    static int on_connect(TARN_CONN conn, void *context)
+    {
+        auto *const self = static_cast<turnstile *>(context);
+        const std::lock_guard guard(self->lock_);
+        self->arrived_.push_back(conn);
+        ++self->admitted;
+        return 0;
+    }
+    static void on_disconnect(TARN_CONN, void *context)
+    {
+        ++static_cast<turnstile *>(context)->ended;
+    }
+    TARN_CONN next()
+    {
+        const std::lock_guard guard(lock_);
+        if (arrived_.empty())
         {
-            const conn_owner client = make_client(at_);
-            ASSERT_EQ(tarn_conn_connect(client.get()), 0);
-            if (i % 3 == 0)
+            return nullptr;
+        }
+        TARN_CONN conn = arrived_.front();
+        arrived_.erase(arrived_.begin());
+        return conn;
+    }
+    void serve()
+    {
+        while (!ends_)
+        {
+            const conn_owner conn(next());
+            char byte = 0;
+            for (int n = 0; conn && n >= 0;)
             {
-                ASSERT_EQ(tarn_conn_write(client.get(), "z", 1), 1);
-                EXPECT_EQ(read_exactly(client.get(), 1), "z");
+                n = tarn_conn_read(conn.get(), &byte, 1, 1000);
+                if (n > 0)
+                {
+                    (void)tarn_conn_write(conn.get(), &byte, 1);
+                }
+            }
+            if (!conn)
+            {
+                std::this_thread::yield();
             }
         }
-        EXPECT_TRUE(wait_until([&] { return upper.ended + 64 > rounds; }));
     }
-    EXPECT_EQ(upper.ended, upper.admitted);
-    upper.finish();
+    std::mutex lock_;
+    std::vector<TARN_CONN> arrived_;
+    std::atomic<bool> ends_{false};
+    server_owner svr_;
+    std::thread thread_;
+};
+
+size_t resident_pages()
+{
+    const std::string statm = support::read_file("/proc/self/statm");
+    return std::stoul(statm.substr(statm.find(' ')));
+}
+
+/** TARN_SOAK=1 keeps it up for 30 seconds. */
+TEST_P(Conn, ChurnLeavesNothing)
+{
+    const bool soak = std::getenv("TARN_SOAK") != nullptr;
+    const bool is_slow = support::with_sanitizer || at_.server_secret != nullptr;
+    const support::level_scope silent(TARN_LOG_LEVEL_WARN);
+    turnstile server(at_);
+    const uint32_t start = tarn_tick_ms();
+    size_t pages = 0;
+    int rounds = 0;
+    for (; soak ? tarn_tick_ms_since(start) < 30000 : rounds < (is_slow ? 100 : 1000); ++rounds)
+    {
+        const conn_owner client = make_client(at_);
+        ASSERT_EQ(tarn_conn_connect(client.get()), 0) << rounds;
+        if (rounds % 3 == 0)
+        {
+            ASSERT_EQ(tarn_conn_write(client.get(), "z", 1), 1);
+            EXPECT_EQ(read_exactly(client.get(), 1), "z");
+        }
+        pages = rounds == 500 ? resident_pages() : pages;
+    }
+    EXPECT_TRUE(wait_until([&] { return server.admitted == rounds; }));
+    server.finish();
+    if (soak && !support::with_sanitizer)
+    {
+        EXPECT_LE(resident_pages(), pages + 512) << "after " << rounds << " connections";
+        EXPECT_TRUE(is_slow || rounds >= 30000) << rounds;
+    }
 }
 
 TEST_P(Conn, TurnsMayBeRunByTheCaller)
@@ -344,6 +468,91 @@ TEST_F(ConnCase, AddressWalkGoesOnAfterASuccessAndTheLastAttemptDecides)
         EXPECT_TRUE(wait_until([&] { return upper.admitted == expected; })) << c.addrs;
     }
     EXPECT_TRUE(log.contains("warn", "connect to 127.0.0.1:" + closed + " failed, error = 111"));
+    svr.reset();
+    upper.finish();
+}
+
+TEST_F(ConnCase, AnAddressThatNeverAnswersCostsItsTimeAndAStopEndsTheWalk)
+{
+    log_capture log;
+    echo_server upper;
+    upper.echo = false;
+    support::in_namespace([&] {
+        (void)support::shell("ip link add ev0 type veth peer name ev1 && ip link set ev1 up && "
+                             "ip link set ev0 up && ip addr add 10.99.0.1/24 dev ev0 && "
+                             "ip neigh add 10.99.0.2 lladdr 02:00:00:00:00:01 dev ev0");
+        const endpoint at = make_endpoint("ipv4");
+        server_owner svr = start_server(at, &upper);
+        const auto make = [&](uint32_t timeout) {
+            return conn_owner(tarn_conn_create(nullptr, nullptr, nullptr, "10.99.0.2,127.0.0.1",
+                                               at.port.c_str(), timeout, nullptr, nullptr,
+                                               nullptr));
+        };
+        const conn_owner client = make(150);
+        EXPECT_GE(support::elapsed_ms([&] { EXPECT_EQ(tarn_conn_connect(client.get()), 0); }), 150);
+        EXPECT_TRUE(log.contains("warn", "connect to 10.99.0.2:" + at.port +
+                                             " failed, error = 110 (Connection timed out)"));
+        EXPECT_TRUE(wait_until([&] { return upper.admitted == 1; }));
+
+        expect_check("BOF(conn->sock != TARN_INVALID_HANDLE)");
+        const conn_owner stopped = make(300);
+        const auto connect = [](void *conn, void *) -> void * {
+            EXPECT_LT(tarn_conn_connect(static_cast<TARN_CONN>(conn)), 0);
+            return nullptr;
+        };
+        log.clear();
+        TARN_THREAD thread = tarn_thread_start(connect, stopped.get(), nullptr, 100000, "connect");
+        EXPECT_TRUE(log.wait_for("connecting to 10.99.0.2"));
+        tarn_thread_stop(thread);
+
+        const conn_owner dropped = make(60000);
+        log.clear();
+        std::thread connecting([&] { EXPECT_LT(tarn_conn_connect(dropped.get()), 0); });
+        EXPECT_TRUE(log.wait_for("connecting 10.99.0.2"));
+        EXPECT_LT(support::elapsed_ms([&] {
+                      tarn_conn_disconnect(dropped.get());
+                      connecting.join();
+                  }),
+                  20000);
+        EXPECT_EQ(upper.admitted, 1);
+        svr.reset();
+    });
+    upper.finish();
+}
+
+TEST_F(ConnCase, DestroyWaitsForACallbackOfAnotherThread)
+{
+    struct state
+    {
+        std::atomic<bool> inside{false};
+        std::atomic<bool> destroying{false};
+        std::atomic<bool> left{false};
+    } shared;
+    const auto on_disconnect = [](TARN_CONN, void *context) {
+        auto &told = *static_cast<state *>(context);
+        told.inside = true;
+        EXPECT_TRUE(wait_until([&] { return told.destroying.load(); }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // time to go wrong
+        told.left = true;
+    };
+    echo_server upper;
+    upper.echo = false;
+    const endpoint at = make_endpoint("ipv4");
+    server_owner svr = start_server(at, &upper);
+    TARN_CONN client = tarn_conn_create(nullptr, nullptr, nullptr, at.addr.c_str(), at.port.c_str(),
+                                        5000, nullptr, on_disconnect, &shared);
+    ASSERT_EQ(tarn_conn_connect(client), 0);
+    EXPECT_TRUE(wait_until([&] { return upper.live_count() == 1; }));
+    std::thread reader([client] {
+        char byte = 0;
+        EXPECT_LT(tarn_conn_read(client, &byte, 1, TARN_INFINITE), 0);
+    });
+    tarn::conn_abort(upper.live[0]);
+    EXPECT_TRUE(wait_until([&] { return shared.inside.load(); }));
+    shared.destroying = true;
+    tarn_conn_destroy(client);
+    EXPECT_TRUE(shared.left);
+    reader.join();
     svr.reset();
     upper.finish();
 }

@@ -76,7 +76,7 @@ TARN_API int tarn_conn_connect(TARN_CONN conn);
 /** End the connection; on_disconnect is called if it stood. */
 TARN_API void tarn_conn_disconnect(TARN_CONN conn);
 
-/** Read what is there, at most size bytes.
+/** Read what is there, at most size bytes, above 0.
  *  @return bytes; 0 when nothing came within timeout; negative when the connection is gone: it is
  *          then disconnected. */
 TARN_API int tarn_conn_read(TARN_CONN conn, void *buffer, size_t size, uint32_t timeout);

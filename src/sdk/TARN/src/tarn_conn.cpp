@@ -467,6 +467,7 @@ void conn_disconnect_link(TARN_CONN conn, const conn_link *link)
     const conn_pin pin(conn);
     conn_link *taken = nullptr;
     bool report = false;
+    TARN_LOG_TRACE("peer name = [%s]", shown(conn->peer_name));
     {
         const critical_section_guard guard(conn->lock);
         if (link != nullptr && conn->link != link)
@@ -673,7 +674,10 @@ int tarn_conn_connect(TARN_CONN conn)
         return TARN_ERRLN;
     }
     const conn_pin pin(conn);
-    tarn::conn_disconnect_link(conn, nullptr);
+    if (tarn::conn_hold_link(conn))
+    {
+        tarn::conn_disconnect_link(conn, nullptr); // its session knows the old peer
+    }
     TARN_LOG_TRACE("connecting to %s", shown(conn->peer_name));
     conn_link *const made = tarn::conn_make_link(conn);
     if (made == nullptr)
@@ -694,8 +698,6 @@ int tarn_conn_connect(TARN_CONN conn)
 void tarn_conn_disconnect(TARN_CONN conn)
 {
     RON(conn);
-    const conn_pin pin(conn);
-    TARN_LOG_TRACE("peer name = [%s]", shown(conn->peer_name));
     tarn::conn_disconnect_link(conn, nullptr);
 }
 
@@ -706,6 +708,8 @@ int tarn_conn_read(TARN_CONN conn, void *buffer, size_t size, uint32_t timeout)
     {
         return TARN_ERRLN;
     }
+    RVON(buffer, TARN_ERRLN);
+    RVOF(size > 0, TARN_ERRLN); // nothing read would look like the end
     const conn_pin pin(conn);
     const link_pin link = tarn::conn_hold_link(conn);
     if (!link)
@@ -732,6 +736,7 @@ int tarn_conn_read(TARN_CONN conn, void *buffer, size_t size, uint32_t timeout)
 int tarn_conn_write(TARN_CONN conn, const void *buffer, size_t length)
 {
     RVON(conn, TARN_ERRLN);
+    RVOF(buffer != NULL || length == 0, TARN_ERRLN);
     const tarn::send_part part = {buffer, static_cast<size_t>(clamp_length(length))};
     return static_cast<int>(tarn::conn_write_parts(conn, {&part, 1}, TARN_INFINITE));
 }
