@@ -1,72 +1,13 @@
-// gatewayd, driven as its user drives it: by command line, configuration file and signals.
+// gatewayd in the foreground: telemetry, options, configuration file, signals.
 
-#include "support.h"
+#include "gatewayd_support.h"
 
-#include "tarn_raii.h"
-
-#include <cerrno>
-#include <cmath>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
 #include <sstream>
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-using support::child_process;
+using namespace gatewayd_test;
 
 namespace
 {
-
-constexpr char program[] = TARN_BINARY_DIR "/gatewayd";
-
-/** A name for an instance, and the lock file that goes with it. */
-class instance
-{
-public:
-    instance() = default;
-    instance(const instance &) = delete;
-    instance &operator=(const instance &) = delete;
-    ~instance()
-    {
-        (void)::unlink(lock_file().c_str());
-    }
-    [[nodiscard]] const std::string &name() const
-    {
-        return name_;
-    }
-    [[nodiscard]] std::string option() const
-    {
-        return "--name=" + name_;
-    }
-    /** Some process holds the lock. */
-    [[nodiscard]] bool is_locked() const
-    {
-        const int fd = ::open(lock_file().c_str(), O_RDONLY | O_CLOEXEC);
-        const bool locked = fd >= 0 && ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
-        ::close(fd);
-        return locked;
-    }
-
-private:
-    [[nodiscard]] std::string lock_file() const
-    {
-        return "/tmp/tarn_proc_" + name_ + ".pid";
-    }
-    std::string name_ = support::unique_name("gw");
-};
-
-child_process start(std::vector<std::string> arguments)
-{
-    arguments.insert(arguments.begin(), program);
-    return child_process::program(arguments);
-}
 
 /** Value of the next line that reports the point, or NaN. */
 double next_value(child_process &daemon, const std::string &point)
@@ -82,61 +23,6 @@ double next_value(child_process &daemon, const std::string &point)
         line = daemon.read_line();
     }
     return std::nan("");
-}
-
-void expect_orderly_end(child_process &daemon, int sig)
-{
-    daemon.signal(sig);
-    const double ms = support::elapsed_ms([&] { EXPECT_EQ(daemon.wait(), 0); });
-    EXPECT_LT(ms, 2000);
-    EXPECT_NE(daemon.read_rest().find("ended with status 0"), std::string::npos);
-}
-
-struct failure
-{
-    std::vector<std::string> arguments;
-    std::vector<std::string> texts; ///< all of them in the output
-};
-
-void expect_failure(const failure &row)
-{
-    child_process daemon = start(row.arguments);
-    const std::string output = daemon.read_rest();
-    const int status = daemon.wait();
-    EXPECT_GT(status, 0) << output;
-    for (const std::string &text : row.texts)
-    {
-        EXPECT_NE(output.find(text), std::string::npos) << "no '" << text << "' in\n" << output;
-    }
-}
-
-/** The process that has this name among its arguments. */
-pid_t find_process(const std::string &name)
-{
-    for (const auto &entry : std::filesystem::directory_iterator("/proc"))
-    {
-        const pid_t pid = std::atoi(entry.path().filename().c_str());
-        if (pid > 0 && pid != ::getpid() &&
-            support::read_file(entry.path() / "cmdline").find(name) != std::string::npos)
-        {
-            return pid;
-        }
-    }
-    return -1;
-}
-
-/** The main thread is in a wait with a time-out, which is its exit wait: before the first of these a
- *  signal would kill. */
-bool main_thread_waits(pid_t pid)
-{
-    std::istringstream call(support::read_file("/proc/" + std::to_string(pid) + "/syscall"));
-    std::string number;
-    std::string address;
-    std::string operation;
-    std::string value;
-    std::string time_out;
-    call >> number >> address >> operation >> value >> time_out;
-    return number == std::to_string(SYS_futex) && time_out != "0x0";
 }
 
 } // namespace
@@ -183,8 +69,8 @@ TEST(Gatewayd, SecondInstanceOfANameIsRefused)
     const instance other;
     child_process daemon = start({self.option()});
     ASSERT_TRUE(daemon.wait_for_line("running"));
-    expect_failure({{self.option()}, {"another instance is already running", self.name()}});
-    expect_failure({{self.option(), "-d"}, {"another instance is already running"}});
+    expect_failure({{self.option()}, {"an instance is already running", self.name()}});
+    expect_failure({{self.option(), "-d"}, {"an instance is already running"}});
     child_process neighbour = start({other.option()});
     EXPECT_TRUE(neighbour.wait_for_line("running"));
     expect_orderly_end(neighbour, SIGTERM);
@@ -314,36 +200,4 @@ TEST(Gatewayd, ConfigurationIsHonouredAndTheCommandLineWins)
     EXPECT_TRUE(other.is_locked());
     expect_orderly_end(neighbour, SIGTERM);
     expect_orderly_end(daemon, SIGTERM);
-}
-
-TEST(Gatewayd, DaemonReadsARelativeConfigurationAndEndsOrderly)
-{
-    const instance self;
-    const support::temp_dir dir;
-    support::write_file(dir.file("relative.conf"), "period = 20\nname = " + self.name() + "\n");
-    // The daemon's parent ends; this process becomes the new one, and so learns the exit status.
-    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
-    const tarn::scope_exit end_daemon([&] {
-        if (const pid_t left = find_process(self.name()); left > 0)
-        {
-            ::kill(left, SIGKILL);
-        }
-    });
-    const std::filesystem::path directory = std::filesystem::current_path();
-    std::filesystem::current_path(dir.path());
-    child_process parent = start({"-d", "-f", "relative.conf", "--log-level=FATAL", self.option()});
-    std::filesystem::current_path(directory);
-    EXPECT_EQ(parent.read_rest(), ""); // to the end: the daemon has let go of the terminal
-    EXPECT_EQ(parent.wait(), 0);
-    ASSERT_TRUE(self.is_locked());
-    const pid_t daemon = find_process(self.name());
-    ASSERT_GT(daemon, 0);
-    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(daemon) + "/cwd"), "/");
-    ASSERT_TRUE(support::wait_until([&] { return main_thread_waits(daemon); }));
-    ::kill(daemon, SIGTERM);
-    int status = -1;
-    EXPECT_TRUE(
-        support::wait_until([&] { return ::waitpid(daemon, &status, WNOHANG) == daemon; }, 2000));
-    EXPECT_EQ(status, 0);
-    EXPECT_FALSE(self.is_locked());
 }

@@ -11,6 +11,8 @@
 
 #include "command_line.h"
 
+#include "credentials.h"
+
 #include "tarn_process.h"
 
 #include <algorithm>
@@ -152,6 +154,36 @@ bool store_values(const arguments &found, settings *into)
     return true;
 }
 
+/** What only several settings together tell. */
+bool fit_together(settings *all)
+{
+    // Both are names of local sockets.
+    if (std::strcmp(all->local, all->name) == 0)
+    {
+        return complain_of_value("local", all->local, "another name than that of the instance");
+    }
+    if (all->tls_dir[0] == '\0')
+    {
+        return true;
+    }
+    const credentials_result read = read_credentials(all->tls_dir);
+    all->tls = read.credentials;
+    if (read.error[0] != '\0')
+    {
+        (void)std::fprintf(stderr, "%s: --tls-dir=%s: takes %s: %s\n", tarn_process_program_name(),
+                           all->tls_dir, find_setting("tls-dir")->takes, read.error);
+        return false;
+    }
+    return true;
+}
+
+/** The instance lock, and the process's name. */
+bool become_instance(char *const *argv, const settings &all)
+{
+    return tarn_process_parse_cmdline(1, argv, all.name, TARN_VERSION_STRING, "", true, nullptr) ==
+           0;
+}
+
 } // namespace
 
 std::optional<int> enter_process(int argc, char *const *argv, settings *out)
@@ -171,13 +203,13 @@ std::optional<int> enter_process(int argc, char *const *argv, settings *out)
     if (runs && !(have_all_values(argc, argv, rows) &&
                   (found.log_level == nullptr || is_level(found.log_level)) &&
                   (found.config_file == nullptr || read_config_file(found.config_file, out)) &&
-                  store_values(found, out)))
+                  store_values(found, out) && fit_together(out) && become_instance(argv, *out)))
     {
         return EXIT_FAILURE;
     }
     // From here on in the background with -d. The file has been read: its name is not asked for.
     const int rc = tarn_process_parse_cmdline_ex(argc, argv, out->name, TARN_VERSION_STRING, "",
-                                                 true, nullptr, own.data(), 0);
+                                                 false, nullptr, own.data(), 0);
     if (rc == 0)
     {
         return std::nullopt;

@@ -1,5 +1,8 @@
 #include "points.h"
 
+#include "scoped_lock.h"
+
+#include "tarn_mem.h"
 #include "tarn_sys.h"
 
 #include <algorithm>
@@ -9,25 +12,6 @@ namespace gatewayd
 {
 namespace
 {
-
-/** Holds a critical section for its scope. */
-class scoped_lock
-{
-public:
-    explicit scoped_lock(TARN_CRITICAL_SECTION lock) : lock_(lock)
-    {
-        TARN_CRITICAL_SECTION_ENTER(lock_);
-    }
-    scoped_lock(const scoped_lock &) = delete;
-    scoped_lock &operator=(const scoped_lock &) = delete;
-    ~scoped_lock()
-    {
-        TARN_CRITICAL_SECTION_LEAVE(lock_);
-    }
-
-private:
-    TARN_CRITICAL_SECTION lock_;
-};
 
 // Not isalnum(): which letters a locale has does not matter here.
 bool is_name_byte(char c)
@@ -107,31 +91,34 @@ void point_table::insert(size_t position, const point &added)
     points_[count_++] = added;
 }
 
-set_result point_table::store(const point &wanted)
+/** @param wanted  in/out: its place is found */
+set_result point_table::store(point *wanted)
 {
     const scoped_lock lock(lock_);
-    const size_t position = position_of(wanted.name);
-    if (!has_name_at(position, wanted.name))
+    const size_t position = position_of(wanted->name);
+    if (!has_name_at(position, wanted->name))
     {
         if (count_ == max_points)
         {
             return set_result::table_full;
         }
-        insert(position, wanted);
+        wanted->place = static_cast<uint16_t>(count_);
+        insert(position, *wanted);
     }
-    else if (point &known = points_[order_[position]]; same_value(known.value, wanted.value))
+    else if (point &known = points_[order_[position]]; same_value(known.value, wanted->value))
     {
         return set_result::unchanged;
     }
     else
     {
-        known = wanted;
+        wanted->place = known.place;
+        known = *wanted;
     }
     ++changes_;
     return set_result::changed;
 }
 
-set_result point_table::set(std::string_view name, double value)
+set_result point_table::set(std::string_view name, double value, uint64_t time_ms)
 {
     if (!is_point_name(name))
     {
@@ -140,8 +127,8 @@ set_result point_table::set(std::string_view name, double value)
     point wanted = {};
     name.copy(wanted.name, max_point_name);
     wanted.value = value;
-    wanted.time_ms = now_ms();
-    const set_result result = store(wanted);
+    wanted.time_ms = time_ms != 0 ? time_ms : now_ms();
+    const set_result result = store(&wanted);
     if (result == set_result::changed)
     {
         for (const listener_entry &entry : std::span(listeners_).first(listener_count_))
@@ -161,6 +148,17 @@ bool point_table::get(std::string_view name, point *out) const
         return false;
     }
     *out = points_[order_[position]];
+    return true;
+}
+
+bool point_table::at(size_t place, point *out) const
+{
+    const scoped_lock lock(lock_);
+    if (place >= count_)
+    {
+        return false;
+    }
+    *out = points_[place];
     return true;
 }
 
@@ -185,6 +183,20 @@ uint64_t point_table::changes() const
 {
     const scoped_lock lock(lock_);
     return changes_;
+}
+
+point_list::point_list(const point_table &points)
+    : points_(static_cast<point *>(tarn_mem_alloc(max_points * sizeof(point))))
+{
+    if (points_ != nullptr)
+    {
+        count_ = points.list({points_, max_points});
+    }
+}
+
+point_list::~point_list()
+{
+    tarn_mem_free(points_);
 }
 
 } // namespace gatewayd

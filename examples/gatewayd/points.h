@@ -1,7 +1,6 @@
 // The table of points: named values that sources set and servers show.
 //
-// A source (telemetry now; a serial line or a client is another) calls set() from a thread of its
-// own. Who wants to follow the values, to log them or to mirror them into a segment that other
+// A source (telemetry, a serial line, a client) calls set() from a thread of its own. Who wants to follow the values, to log them or to mirror them into a segment that other
 // processes read, adds a listener; who answers questions about them uses get() and list(). Neither
 // side knows the other.
 //
@@ -29,6 +28,7 @@ struct point
     char name[max_point_name + 1];
     double value;
     uint64_t time_ms; ///< of the last change, in milliseconds since 1970-01-01 00:00:00 UTC
+    uint16_t place;   ///< in the order of creation; stays
 };
 
 /** 1 to 63 bytes of letters, digits and "_./-". */
@@ -62,9 +62,12 @@ public:
     void close();
     bool add_listener(listener call, void *context);
 
-    set_result set(std::string_view name, double value);
+    /** @param time_ms  of the change; 0: now */
+    set_result set(std::string_view name, double value, uint64_t time_ms = 0);
     /** @return false, with out untouched, when there is no such point */
     bool get(std::string_view name, point *out) const;
+    /** The point at a place; false when there are not so many. */
+    bool at(size_t place, point *out) const;
     /** Copies points, in the order of their names, until out is full.
      *  @return how many there are */
     size_t list(std::span<point> out) const;
@@ -82,7 +85,7 @@ private:
     [[nodiscard]] size_t position_of(std::string_view name) const;
     [[nodiscard]] bool has_name_at(size_t position, std::string_view name) const;
     void insert(size_t position, const point &added);
-    set_result store(const point &wanted);
+    set_result store(point *wanted);
 
     TARN_CRITICAL_SECTION lock_ = TARN_INVALID_HANDLE;
     // under the lock
@@ -93,6 +96,30 @@ private:
     // fixed before sources run
     std::array<listener_entry, 4> listeners_{};
     size_t listener_count_ = 0;
+};
+
+/** All points as they were at one moment, in the order of their names. */
+class point_list
+{
+public:
+    explicit point_list(const point_table &points);
+    point_list(const point_list &) = delete;
+    point_list &operator=(const point_list &) = delete;
+    ~point_list();
+
+    /** False when memory ran out. */
+    [[nodiscard]] bool is_whole() const
+    {
+        return points_ != nullptr;
+    }
+    [[nodiscard]] std::span<const point> all() const
+    {
+        return {points_, count_};
+    }
+
+private:
+    point *points_;
+    size_t count_ = 0;
 };
 
 } // namespace gatewayd

@@ -26,7 +26,8 @@
  *      4 list   nothing                             string name, double value, uint64 time, and so
  *                                                   on for every point
  *
- *  Names are 1 to 63 letters, digits and "_./-"; a string may have a NUL behind its name. Lists are
+ *  Names are 1 to 63 letters, digits and "_./-"; a string may have a NUL behind its name, and those of
+ *  an IPC list have one. Lists are
  *  in the order of names. Times are milliseconds since 1970-01-01 00:00:00 UTC. */
 #ifndef GATEWAYD_PROTOCOL_H
 #define GATEWAYD_PROTOCOL_H

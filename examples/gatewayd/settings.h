@@ -7,13 +7,27 @@
 #include <span>
 #include <string_view>
 
+struct tlsu_credentials;
+
 namespace gatewayd
 {
+
+constexpr size_t max_path = 4096;
 
 struct settings
 {
     char name[64] = "gatewayd"; ///< of this instance: its lock, and whatever it opens to others
     uint32_t period_ms = 1000;  ///< of the telemetry
+    char rpc_addr[64] = "127.0.0.1";
+    uint16_t rpc_port = 0;       ///< 0: no RPC over TCP
+    char local[64] = "";         ///< empty: no RPC over a local socket
+    char tls_dir[max_path] = ""; ///< empty: TCP without TLS
+    char serial[max_path] = "";  ///< empty: no serial line
+    uint32_t baud = 115200;
+    char spool[max_path] = ""; ///< empty: no files are taken
+    uint32_t max_conn = 32;    ///< of each server
+    /** The credentials in tls_dir; null without. They live as long as the process. */
+    const struct tlsu_credentials *tls = nullptr;
 };
 
 struct setting
@@ -26,7 +40,7 @@ struct setting
     bool (*store)(settings *into, std::string_view value);
 };
 
-inline constexpr size_t setting_count = 2;
+inline constexpr size_t setting_count = 10;
 extern const setting setting_table[setting_count];
 
 /** The row of a key; null when there is none. */

@@ -23,25 +23,26 @@ bool take_number(std::string_view *text, double *out)
 }
 
 // When others have filled the table, a point that is not in it yet stays out.
-void set_point(point_table &points, const char *name, double value)
+void set_point(const reading_sink &sink, const char *name, double value)
 {
-    (void)points.set(name, value);
+    (void)sink.points.set(name, value, sink.time_ms);
 }
 
 /** Sets a point to the number that a text begins with, divided by unit. */
-bool take_single(point_table &points, const char *point_name, std::string_view text, double unit)
+bool take_single(const reading_sink &sink, const char *point_name, std::string_view text,
+                 double unit)
 {
     double number = 0;
     const bool understood = take_number(&text, &number);
     if (understood)
     {
-        set_point(points, point_name, number / unit);
+        set_point(sink, point_name, number / unit);
     }
     return understood;
 }
 
 /** "0.20 0.18 0.12 1/80 11206": three averages, processes that run, the newest process. */
-bool take_load(point_table &points, const char *, std::string_view text)
+bool take_load(const reading_sink &sink, const char *, std::string_view text)
 {
     double averages[3] = {};
     for (double &average : averages)
@@ -51,14 +52,14 @@ bool take_load(point_table &points, const char *, std::string_view text)
             return false;
         }
     }
-    set_point(points, "load.1min", averages[0]);
-    set_point(points, "load.5min", averages[1]);
-    set_point(points, "load.15min", averages[2]);
+    set_point(sink, "load.1min", averages[0]);
+    set_point(sink, "load.5min", averages[1]);
+    set_point(sink, "load.15min", averages[2]);
     return true;
 }
 
 /** Lines such as "MemFree:        23459304 kB". */
-bool take_memory(point_table &points, const char *, std::string_view text)
+bool take_memory(const reading_sink &sink, const char *, std::string_view text)
 {
     struct row
     {
@@ -76,7 +77,7 @@ bool take_memory(point_table &points, const char *, std::string_view text)
         {
             if (line.starts_with(title))
             {
-                understood |= take_single(points, point_name, line.substr(title.size()), 1);
+                understood |= take_single(sink, point_name, line.substr(title.size()), 1);
             }
         }
     }
@@ -84,15 +85,15 @@ bool take_memory(point_table &points, const char *, std::string_view text)
 }
 
 /** "2342.51 4471.60": seconds since the start, seconds idle. */
-bool take_uptime(point_table &points, const char *point_name, std::string_view text)
+bool take_uptime(const reading_sink &sink, const char *point_name, std::string_view text)
 {
-    return take_single(points, point_name, text, 1);
+    return take_single(sink, point_name, text, 1);
 }
 
 /** "47250": thousandths of a degree Celsius. */
-bool take_temperature(point_table &points, const char *point_name, std::string_view text)
+bool take_temperature(const reading_sink &sink, const char *point_name, std::string_view text)
 {
-    return take_single(points, point_name, text, 1000);
+    return take_single(sink, point_name, text, 1000);
 }
 
 /** Large enough for /proc/meminfo, and still at home on a small stack. */
@@ -107,20 +108,19 @@ bool telemetry::start(uint32_t period_ms)
     add_source("/proc/meminfo", "", take_memory);
     add_source("/proc/uptime", "uptime_s", take_uptime);
     find_sensors();
-    thread_ = tarn_thread_start(loop_proc, this, nullptr, period_ms, "telemetry");
-    return thread_ != TARN_INVALID_HANDLE;
+    read_sources(0);
+    timer_ = tarn_timer_create(TARN_TIMER_WALL_CLOCK, on_tick, this, nullptr);
+    return timer_ != TARN_INVALID_HANDLE &&
+           tarn_timer_start(timer_, period_ms * uint64_t{1000000}, 0) == 0;
 }
 
 void telemetry::stop()
 {
-    if (thread_ != TARN_INVALID_HANDLE)
-    {
-        tarn_thread_stop(thread_);
-        thread_ = TARN_INVALID_HANDLE;
-    }
+    tarn_timer_destroy(timer_);
+    timer_ = TARN_INVALID_HANDLE;
 }
 
-void telemetry::add_source(const char *path, const char *point_name, take_function take)
+void telemetry::add_source(const char *path, const char *point_name, decltype(source::take) take)
 {
     if (source_count_ < sources_.size())
     {
@@ -163,21 +163,27 @@ void telemetry::find_sensors()
     }
 }
 
-void *telemetry::loop_proc(void *self, void *)
+void *telemetry::on_tick(TARN_TIMER, uint64_t, uint64_t due_sec, uint32_t due_nsec, void *self,
+                         void *)
 {
-    auto *const me = static_cast<telemetry *>(self);
-    for (source &from : std::span(me->sources_).first(me->source_count_))
-    {
-        me->read_source(from);
-    }
+    static_cast<telemetry *>(self)->read_sources(due_sec * 1000 + due_nsec / 1000000);
     return nullptr;
 }
 
-void telemetry::read_source(source &from)
+void telemetry::read_sources(uint64_t time_ms)
+{
+    for (source &from : std::span(sources_).first(source_count_))
+    {
+        read_source(from, time_ms);
+    }
+}
+
+void telemetry::read_source(source &from, uint64_t time_ms)
 {
     text_buffer buffer;
     const text_result read = read_text_file(from.path, buffer);
-    const bool understood = read.error == nullptr && from.take(points_, from.point_name, read.text);
+    const bool understood =
+        read.error == nullptr && from.take({points_, time_ms}, from.point_name, read.text);
     if (!understood && !from.failed)
     {
         TARN_LOG_WARN("fail to read %s: %s", from.path,

@@ -1,5 +1,9 @@
-// The machine's own telemetry: a loop thread that reads load, memory, uptime and temperatures into
-// points once per period.
+// The machine's own telemetry: a timer that reads load, memory, uptime and temperatures into points
+// once per period, at the multiples of the period on the wall clock, so that the readings of several
+// gateways fall together.
+//
+// The time of such a change is that of the tick, not of the moment a little later when the file has
+// been read.
 //
 // Points: load.1min, load.5min, load.15min; mem.total_kib, mem.free_kib, mem.available_kib;
 // uptime_s; temp.zone<N> and temp.hwmon<N>.<M> in degrees Celsius, for the sensors that the machine
@@ -8,7 +12,7 @@
 
 #include "points.h"
 
-#include "tarn_thread.h"
+#include "tarn_timer.h"
 
 #include <array>
 #include <cstddef>
@@ -17,6 +21,13 @@
 
 namespace gatewayd
 {
+
+/** Where the readings of one tick go. */
+struct reading_sink
+{
+    point_table &points;
+    uint64_t time_ms; ///< of the tick; 0: now
+};
 
 class telemetry
 {
@@ -29,33 +40,32 @@ public:
         stop();
     }
 
-    /** Starts the thread, whose first readings are taken at once. */
+    /** Takes the first readings, and starts the timer. */
     bool start(uint32_t period_ms);
-    /** Ends the thread and waits for it. */
+    /** Stops the timer; waits for readings under way. */
     void stop();
 
 private:
-    /** Sets the points that a text tells; false when it is not the text it should be. */
-    using take_function = bool (*)(point_table &points, const char *point_name,
-                                   std::string_view text);
-
-    /** A file with readings. Once the thread runs, it alone looks at it. */
+    /** A file with readings. Once the timer runs, its thread alone looks at it. */
     struct source
     {
         char path[64];
         char point_name[max_point_name + 1]; ///< of a file with one reading
-        take_function take;
+        /** Sets the points that a text tells; false when it is not the text it should be. */
+        bool (*take)(const reading_sink &sink, const char *point_name, std::string_view text);
         bool failed; ///< and told so; until a reading works again
     };
 
-    static void *loop_proc(void *self, void *unused);
-    void add_source(const char *path, const char *point_name, take_function take);
+    static void *on_tick(TARN_TIMER timer, uint64_t expirations, uint64_t due_sec,
+                         uint32_t due_nsec, void *self, void *unused);
+    void read_sources(uint64_t time_ms);
+    void add_source(const char *path, const char *point_name, decltype(source::take) take);
     void add_sensor(const char *path, const char *point_name);
     void find_sensors();
-    void read_source(source &from);
+    void read_source(source &from, uint64_t time_ms);
 
     point_table &points_;
-    TARN_THREAD thread_ = TARN_INVALID_HANDLE;
+    TARN_TIMER timer_ = TARN_INVALID_HANDLE;
     std::array<source, 64> sources_{};
     size_t source_count_ = 0;
 };

@@ -1,0 +1,116 @@
+// What the tests of gatewayd share: it runs as a process, driven by command line, configuration file
+// and signals.
+#pragma once
+
+#include "support.h"
+
+#include "tarn_raii.h"
+
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace gatewayd_test
+{
+
+using support::child_process;
+
+inline constexpr char program[] = TARN_BINARY_DIR "/gatewayd";
+
+/** A name for an instance, and the files that go with it. */
+class instance
+{
+public:
+    instance() = default;
+    instance(const instance &) = delete;
+    instance &operator=(const instance &) = delete;
+    ~instance()
+    {
+        (void)::unlink(lock_file().c_str());
+        (void)::unlink(level_file().c_str());
+    }
+    [[nodiscard]] const std::string &name() const
+    {
+        return name_;
+    }
+    [[nodiscard]] std::string option() const
+    {
+        return "--name=" + name_;
+    }
+    [[nodiscard]] std::string level_file() const
+    {
+        return "/tmp/tarn_log_level/" + name_;
+    }
+    /** Some process holds the lock. */
+    [[nodiscard]] bool is_locked() const
+    {
+        const int fd = ::open(lock_file().c_str(), O_RDONLY | O_CLOEXEC);
+        const bool locked = fd >= 0 && ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+        ::close(fd);
+        return locked;
+    }
+    /** The shared heap's segment has a file. */
+    [[nodiscard]] bool has_heap() const
+    {
+        return std::filesystem::exists("/dev/shm/TARN_SHM_" + name_);
+    }
+
+private:
+    [[nodiscard]] std::string lock_file() const
+    {
+        return "/tmp/tarn_proc_" + name_ + ".pid";
+    }
+    std::string name_ = support::unique_name("gw");
+};
+
+inline child_process start(std::vector<std::string> arguments,
+                           const std::vector<std::string> &environment = {})
+{
+    arguments.insert(arguments.begin(), program);
+    return child_process::program(arguments, environment);
+}
+
+/** An instance in the foreground that runs, with telemetry that does not disturb. */
+inline child_process start_running(const instance &self, std::vector<std::string> arguments = {})
+{
+    arguments.insert(arguments.begin(), {self.option(), "--period=3600000"});
+    child_process daemon = start(arguments);
+    EXPECT_TRUE(daemon.wait_for_line("running", 60000));
+    return daemon;
+}
+
+inline void expect_orderly_end(child_process &daemon, int sig = SIGTERM)
+{
+    daemon.signal(sig);
+    const double ms = support::elapsed_ms([&] { EXPECT_EQ(daemon.wait(), 0); });
+    EXPECT_LT(ms, support::with_sanitizer ? 6000 : 2000);
+    EXPECT_NE(daemon.read_rest().find("ended with status 0"), std::string::npos);
+}
+
+struct failure
+{
+    std::vector<std::string> arguments;
+    std::vector<std::string> texts; ///< all of them in the output
+};
+
+inline void expect_failure(const failure &row)
+{
+    child_process daemon = start(row.arguments);
+    const std::string output = daemon.read_rest();
+    const int status = daemon.wait();
+    EXPECT_GT(status, 0) << output;
+    for (const std::string &text : row.texts)
+    {
+        EXPECT_NE(output.find(text), std::string::npos) << "no '" << text << "' in\n" << output;
+    }
+}
+
+} // namespace gatewayd_test
