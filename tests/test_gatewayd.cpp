@@ -1,6 +1,7 @@
 // gatewayd in the foreground: telemetry, options, configuration file, signals.
 
 #include "gatewayd_support.h"
+#include "support_serial.h"
 
 #include <sstream>
 
@@ -84,6 +85,12 @@ TEST(Gatewayd, BadOptionsEndWithAMessage)
 {
     const std::string period_takes = "takes a whole number of milliseconds, 10 to 3600000";
     const std::string name_takes = "takes 1 to 63 letters";
+    const std::string addr_takes = "takes an IPv4 or IPv6 address";
+    const std::string port_takes = "takes a whole number, 0 to 65535";
+    const std::string serial_takes = "takes the path of a serial device";
+    const std::string baud_takes = "takes a whole number of bits per second, 50 to 4000000";
+    const std::string spool_takes = "takes the path of a directory that can be written to";
+    const support::temp_dir dir;
     const std::vector<failure> rows = {
         {{"--bogus"}, {"--bogus", "--help"}},
         {{"-x"}, {"-x", "--help"}},
@@ -99,6 +106,34 @@ TEST(Gatewayd, BadOptionsEndWithAMessage)
         {{"--name=a/b"}, {"--name=a/b", name_takes}},
         {{"--name=.."}, {"--name=..", name_takes}},
         {{"--name=" + std::string(64, 'n')}, {name_takes}},
+        {{"--rpc-addr=localhost"}, {"--rpc-addr=localhost", addr_takes}},
+        {{"--rpc-addr=1.2.3.4.5"}, {"--rpc-addr=1.2.3.4.5", addr_takes}},
+        {{"--rpc-addr=127.0.0.1,::1"}, {"--rpc-addr=", addr_takes}},
+        {{"--rpc-addr"}, {"--rpc-addr:", addr_takes}},
+        {{"--rpc-port=65536"}, {"--rpc-port=65536", port_takes}},
+        {{"--rpc-port=http"}, {"--rpc-port=http", port_takes}},
+        {{"--rpc-port=-1"}, {"--rpc-port=-1", port_takes}},
+        {{"--rpc-port="}, {"--rpc-port=", port_takes}},
+        {{"--local=a/b"}, {"--local=a/b", name_takes}},
+        {{"--local=same", "--name=same"}, {"--local=same", "takes another name"}},
+        {{"--tls-dir=/no/such"}, {"--tls-dir=/no/such", "takes the path of a directory"}},
+        {{"--tls-dir=/dev/null"}, {"--tls-dir=/dev/null", "takes the path of a directory"}},
+        {{"--tls-dir=" + dir.path()}, {"--tls-dir=", "takes the path of a directory", "secret"}},
+        {{"--tls-dir"}, {"--tls-dir:", "takes the path of a directory"}},
+        {{"--serial=/dev/no such"}, {"--serial=/dev/no such", serial_takes}},
+        {{"--serial=/dev/null"}, {"--serial=/dev/null", serial_takes}},
+        {{"--serial=" + dir.path()}, {"--serial=", serial_takes}},
+        {{"--serial=" + std::string(5000, 'x')}, {"--serial=", serial_takes}},
+        {{"--baud=49"}, {"--baud=49", baud_takes}},
+        {{"--baud=fast"}, {"--baud=fast", baud_takes}},
+        {{"--baud=4000001"}, {"--baud=4000001", baud_takes}},
+        {{"--spool=/no/such"}, {"--spool=/no/such", spool_takes}},
+        {{"--spool=/dev/null"}, {"--spool=/dev/null", spool_takes}},
+        {{"--spool=\x1b["}, {"--spool=?[", spool_takes}},
+        {{"--spool="}, {"--spool=", spool_takes}},
+        {{"--max-conn=0"}, {"--max-conn=0", "takes a whole number, 1 to 256"}},
+        {{"--max-conn=257"}, {"--max-conn=257", "takes a whole number, 1 to 256"}},
+        {{"--max-conn=many"}, {"--max-conn=many", "takes a whole number, 1 to 256"}},
         {{"--log-level=info"}, {"--log-level=info", "takes DEBUG"}},
         {{"--log-level"}, {"--log-level:", "takes DEBUG"}},
         {{"-f"}, {"-f:", "takes the name of a file"}},
@@ -120,7 +155,9 @@ TEST(Gatewayd, HelpAndVersionAreNoFailure)
     child_process help = start({"--help", "-f", "no such file"});
     const std::string text = help.read_rest();
     EXPECT_EQ(help.wait(), 0);
-    for (const char *option : {"--name=NAME", "--period=MS", "--config=FILE", "--daemon"})
+    for (const char *option : {"--name=NAME", "--period=MS", "--rpc-addr=ADDR", "--rpc-port=PORT",
+                               "--local=NAME", "--tls-dir=DIR", "--serial=DEVICE", "--baud=RATE",
+                               "--spool=DIR", "--max-conn=N", "--config=FILE", "--daemon"})
     {
         EXPECT_NE(text.find(option), std::string::npos) << text;
     }
@@ -140,6 +177,10 @@ TEST(Gatewayd, BadConfigurationEndsWithFileLineAndKey)
     const row rows[] = {
         {"\n# comment\nperiod = soon\n", {":3: period:", "'soon'", "takes a whole number"}},
         {"period = 100\nname = a b\n", {":2: name:", "'a b'", "takes 1 to 63 letters"}},
+        {"rpc-port = x\n", {":1: rpc-port:", "'x'", "takes a whole number, 0 to 65535"}},
+        {"spool = /no/such\n", {":1: spool:", "'/no/such'", "takes the path of a directory"}},
+        {"spool =\n", {":1: spool:", "''", "takes the path of a directory"}},
+        {"max-conn = 0\n", {":1: max-conn:", "'0'", "takes a whole number, 1 to 256"}},
         {"period =\n", {":1: period:", "''", "takes a whole number"}},
         {"perid = 100", {":1: perid:", "unknown key", "name period"}},
         {"Period = 100", {":1: Period:", "unknown key"}},
@@ -179,6 +220,40 @@ TEST(Gatewayd, ConfigurationThatIsNoReadableFileIsRefused)
     {
         expect_failure(row);
     }
+}
+
+TEST(Gatewayd, EverySettingOfTheConfigurationIsTaken)
+{
+    const instance self;
+    const support::temp_dir dir;
+    const support::serial_pty tty;
+    const std::string port = std::to_string(support::free_port());
+    const std::string file = dir.file("gatewayd.conf");
+    support::write_file(file, "period = 100\nrpc-addr = ::1\nrpc-port = " + port + "\nlocal = " +
+                                  self.name() + "-local\nserial = " + tty.slave_name() +
+                                  "\nbaud = 19200\nspool = " + dir.path() + "\nmax-conn = 2\n");
+    child_process daemon = start_running(
+        self, {"-f", file, "--rpc-addr=127.0.0.1", "--period=200"},
+        {"telemetry every 200 ms", "RPC on 127.0.0.1:" + port,
+         "RPC on local socket " + self.name() + "-local", "IPC as " + self.name(),
+         "reading points from " + tty.slave_name() + " at 19200 baud", "files into " + dir.path()});
+    expect_orderly_end(daemon);
+}
+
+// What can only be found out in the attempt ends it as well.
+TEST(Gatewayd, PlacesThatAreTakenEndWithALine)
+{
+    const instance self;
+    const instance other;
+    const std::string port = "--rpc-port=" + std::to_string(support::free_port());
+    child_process first = start_running(self, {port, "--local=" + self.name() + "-local"});
+    expect_failure(
+        {{other.option(), port}, {"cannot serve RPC on 127.0.0.1", "ended with status 1"}});
+    expect_failure({{other.option(), "--local=" + self.name() + "-local"},
+                    {"cannot serve RPC on " + self.name() + "-local"}});
+    expect_failure({{other.option(), "--local=" + self.name()}, {"cannot serve RPC on"}});
+    EXPECT_FALSE(other.has_heap());
+    expect_orderly_end(first);
 }
 
 TEST(Gatewayd, ConfigurationIsHonouredAndTheCommandLineWins)

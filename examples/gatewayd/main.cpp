@@ -66,7 +66,6 @@ public:
     void finish()
     {
         gate_.close();
-        rpc_.stop_accepting();
     }
 
 private:

@@ -95,17 +95,6 @@ bool rpc_service::open(const settings &wanted)
            (wanted.local[0] == '\0' || open_server(wanted, wanted.local, nullptr, &local_));
 }
 
-void rpc_service::stop_accepting()
-{
-    for (TARN_RPC server : {tcp_, local_})
-    {
-        if (server != TARN_INVALID_HANDLE)
-        {
-            (void)tarn_rpc_loop_stop(server);
-        }
-    }
-}
-
 void rpc_service::close()
 {
     for (TARN_RPC *server : {&tcp_, &local_})

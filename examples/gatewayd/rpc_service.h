@@ -24,8 +24,6 @@ public:
 
     /** Opens the servers that the settings ask for; they are borrowed while it is open. */
     bool open(const settings &wanted);
-    /** Takes no more connections. */
-    void stop_accepting();
     /** Closes servers and connections; running requests are cut off. */
     void close();
 

@@ -10,7 +10,7 @@ namespace gatewayd
 namespace
 {
 
-constexpr uint32_t max_wait_ms = 1000;
+constexpr uint32_t max_wait_ms = 700; // of the two seconds that an end may take
 /** A handler's answer is sent when it has returned, and nobody tells when that is done. */
 constexpr uint32_t answer_ms = 100;
 
