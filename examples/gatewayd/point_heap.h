@@ -23,7 +23,7 @@
  *  - A point's sequence number is odd while its value is being written, and another even number
  *    afterwards. Who finds the same even number before and after he has read value and time has a
  *    pair that belongs together; who does not tries again. A writer needs a few instructions, so a
- *    number that stays odd belongs to a daemon that was killed.
+ *    number that stays odd belongs to a daemon that was killed; there is one such point at most.
  *  - The change counter goes up after a change has been written: as long as it stands, there is
  *    nothing new to read.
  *  - An orderly end sets closed; after that, or when the process of pid is gone, a reader closes the
@@ -36,6 +36,7 @@
 #define GATEWAYD_POINT_HEAP_H
 
 #include "tarn_shmx.h"
+#include "tarn_sys.h"
 
 #include <string.h>
 
@@ -163,8 +164,9 @@ static inline bool gatewayd_heap_is_closed(const gatewayd_heap_view *view)
 
 /** Copy a point as it is now.
  *  @param place  below gatewayd_heap_count()
- *  @return false when there is no such place, and when no whole value could be had in 1000 tries
- *          because its writer was killed */
+ *  @return false when there is no such place, and when no whole value could be had in half a second
+ *          because its writer was killed
+ *  Blocking: while the writer is held up in the middle of the point, which is next to never. */
 static inline bool gatewayd_heap_read(const gatewayd_heap_view *view, uint32_t place,
                                       gatewayd_heap_value *out)
 {
@@ -173,8 +175,12 @@ static inline bool gatewayd_heap_read(const gatewayd_heap_view *view, uint32_t p
         return false;
     }
     const gatewayd_heap_point *const point = &view->table[place];
-    for (int tries = 0; tries < 1000; ++tries)
+    for (int tries = 0; tries < 5000; ++tries)
     {
+        if (tries >= 100)
+        {
+            tarn_sleep_us(100); /* the writer waits for a processor */
+        }
         /* acquire: none of these reads moves before the one above it */
         const uint32_t before = __atomic_load_n(&point->sequence, __ATOMIC_ACQUIRE);
         const uint64_t bits = __atomic_load_n(&point->value_bits, __ATOMIC_ACQUIRE);
