@@ -50,9 +50,11 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/lib")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (>= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA
-    "${CMAKE_CURRENT_LIST_DIR}/debian/conffiles;${CMAKE_CURRENT_LIST_DIR}/debian/postinst"
-    "${CMAKE_CURRENT_LIST_DIR}/debian/prerm;${CMAKE_CURRENT_LIST_DIR}/debian/postrm")
+if(TARGET gatewayd)
+  set(gatewayd_control conffiles postinst prerm postrm)
+  list(TRANSFORM gatewayd_control PREPEND "${CMAKE_CURRENT_LIST_DIR}/debian/")
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${gatewayd_control})
+endif()
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
     "gatewayd keeps the points of a gateway and serves them; tarnctl looks at and talks to everything
 that uses libtarn.")
