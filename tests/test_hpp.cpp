@@ -13,6 +13,8 @@
 #endif
 #include <string>
 
+#include <pthread.h>
+
 namespace
 {
 
@@ -70,6 +72,55 @@ TEST_F(Hpp, OwnerMovesReleasesAndCloses)
 
     expect_check("RVON(ev,false)");
     EXPECT_FALSE(a.set());
+}
+
+int closed = 0;
+void count_close(int *handle)
+{
+    pthread_testcancel(); // many a close is a cancellation point
+    ++*handle;
+    ++closed;
+}
+using counting = tarn::owner<tarn::handle_ref<int *>, count_close>;
+
+TEST_F(Hpp, OwnerClosesEachHandleOnce)
+{
+    int handles[4] = {};
+    closed = 0;
+    {
+        counting a(&handles[0]);
+        counting b(std::move(a));
+        counting c(&handles[1]);
+        c = std::move(b);
+        EXPECT_EQ(handles[1], 1);
+        c.reset(&handles[2]);
+        EXPECT_EQ(handles[0], 1);
+        std::swap(a, c);
+        c.reset(&handles[3]);
+        EXPECT_EQ(c.release(), &handles[3]);
+    }
+    EXPECT_EQ(handles[2], 1);
+    EXPECT_EQ(handles[3], 0);
+    EXPECT_EQ(closed, 3);
+}
+
+// Unwinding that began inside a destructor would end the process.
+TEST_F(Hpp, OwnerIsClosedByAThreadThatIsBeingCancelled)
+{
+    int handle = 0;
+    std::atomic<bool> went_on{false};
+    tarn::thread t = tarn::thread::start(0, "doomed", [&] {
+        (void)pthread_cancel(pthread_self());
+        {
+            const counting owner(&handle);
+        }
+        went_on = true;
+        pthread_testcancel();
+    });
+    EXPECT_TRUE(wait_until([] { return tarn_thread_count() == 0; }));
+    EXPECT_TRUE(went_on);
+    EXPECT_EQ(handle, 1);
+    t.reset();
 }
 
 TEST_F(Hpp, BytesTakeTextsArraysAndSpans)
