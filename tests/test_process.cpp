@@ -331,6 +331,23 @@ TEST(Signals, OfAForkedChildDoNotReachItsParent)
     }
 }
 
+TEST(Signals, InterruptWaitsAndArePlain)
+{
+    (void)::signal(SIGPIPE, SIG_DFL);
+    const support::layer layer;
+    for (const int sig : {SIGTERM, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2, SIGPIPE})
+    {
+        struct sigaction action
+        {
+        };
+        ASSERT_EQ(::sigaction(sig, nullptr, &action), 0);
+        EXPECT_EQ(action.sa_flags & (SA_RESTART | SA_NODEFER | SA_RESETHAND | SA_SIGINFO), 0);
+        EXPECT_TRUE(support::with_tsan || sigisemptyset(&action.sa_mask)); // it sets its own
+        EXPECT_NE(action.sa_handler, SIG_DFL);
+        EXPECT_EQ(action.sa_handler == SIG_IGN, sig == SIGPIPE);
+    }
+}
+
 TEST(Signals, SwitchTheSerialTrafficFlag)
 {
     const support::layer layer;
@@ -455,7 +472,7 @@ const tarn_cmdline_option own_rows[] = {
 /** Parses a command line before tarn_init(), the long form a second time without arguments, and
  *  prints each result with all that is not as at the start. args: "short" or "long"; lock name or
  *  "-"; how to call: s single instance, c takes no config file, u allows unknown options, b has no
- *  rows of its own; the arguments. */
+ *  rows of its own, e with a log level in the environment, l with all log lines; the arguments. */
 TARN_TEST_ROLE(command_line)
 {
     const auto with = [&](char c) { return args[2].find(c) != std::string::npos; };
@@ -464,9 +481,11 @@ TARN_TEST_ROLE(command_line)
                    [](const std::string &word) { return const_cast<char *>(word.c_str()); });
     const char *const lock = args[1] == "-" ? nullptr : args[1].c_str();
     fail_daemon = true;
+    EXPECT_EQ(with('e') ? ::setenv("TARN_LOG_LEVEL", "ERROR", 1) : 0, 0);
+    tarn_log_level_set(with('l') ? TARN_LOG_LEVEL_DEBUG : TARN_LOG_LEVEL_INFO);
     for (int argc = static_cast<int>(argv.size()); argc != 0; argc = argc > 1 ? 1 : 0)
     {
-        const char *config = nullptr;
+        const char *config = args[0] == "long" ? "stays" : nullptr;
         const char **const out = with('c') ? nullptr : &config;
         const bool single = with('s') && argc > 1;
         const int rc =
@@ -476,6 +495,8 @@ TARN_TEST_ROLE(command_line)
                                                 with('b') ? nullptr : own_rows, with('u') ? 1 : 0);
         EXPECT_TRUE(args[0] == "long" || rc < 0 || tarn_log_init());
         const std::string name = tarn_process_name();
+        EXPECT_TRUE(rc >= 0 || args[0] == "short" || config == std::string("stays"));
+        config = out == nullptr || rc < 0 ? nullptr : config;
         const char *const variable = tarn_process_getenv("TARN_LOG_LEVEL");
         std::printf("%s%s%s%s%s%s%s%s%s%s\n", rc < -5 ? "fail" : std::to_string(rc).c_str(),
                     config ? " config " : "", config ? config : "", variable ? " variable " : "",
@@ -531,6 +552,7 @@ TEST(ShortForm, GivesCodesValuesAndTexts)
         {"short - - -f a.ini -log WARN -t", "0 config a.ini variable WARN level 4 serial\n"},
         {"short - - -f -t", "0 config -t\n"},
         {"short - - -log DEBUG", "0 variable DEBUG level 7\n"},
+        {"short - e -log DEBUG", "0 variable DEBUG level 7\n"},
         {"short - - -t -v -f", version_line + "-3 serial\n"},
         {"short - - --version", version_line + "-3\n"},
         {"short - - -f", head + config + tail + "-4\n"},
@@ -589,6 +611,8 @@ TEST(LongForm, GivesCodesValuesAndTextsAndForgetsThem)
         {"long - - --config=a.ini -p 50 --fast",
          "0 config a.ini period 50 fast\n0 period 50 fast\n"},
         {"long - - --log-level=DEBUG", "0 variable DEBUG level 7\n0 variable DEBUG level 7\n"},
+        {"long - el --log-level=WARN",
+         "debug: set TARN_LOG_LEVEL = WARN\n0 variable WARN level 4\n0 variable WARN level 4\n"},
         {"long - - --log-level=debug", "error: invalid log-level debug\n" + fail},
         {"long - - -v x y", "exe: invalid options -- 'x' 'y' " + help},
         {"long - - -v x -f y", "exe: invalid options -- 'x' " + help},
@@ -610,6 +634,34 @@ TEST(LongForm, GivesCodesValuesAndTextsAndForgetsThem)
 }
 
 // ---- daemon, names, environment --------------------------------------------------------------
+
+/** Says which of the layer's descriptors a program that it starts would get. args: lock name. */
+TARN_TEST_ROLE(descriptors)
+{
+    const auto passed_on = [] {
+        std::vector<int> all;
+        for (int fd = 0; fd < 1024; ++fd)
+        {
+            if (::fcntl(fd, F_GETFD) == 0)
+            {
+                all.push_back(fd);
+            }
+        }
+        return all;
+    };
+    const std::vector<int> before = passed_on();
+    EXPECT_EQ(tarn_process_is_first_instance(args[0].c_str()), 1);
+    EXPECT_TRUE(tarn_init());
+    std::puts(passed_on() == before ? "none" : "some");
+    tarn_uninit();
+    return 0;
+}
+
+TEST(Process, NoDescriptorReachesAProgramThatItStarts)
+{
+    const lock_name lock;
+    EXPECT_EQ(child_process::role("descriptors", {lock.name}).read_rest(), "none\n");
+}
 
 /** Becomes a daemon through its command line and runs until its input ends. args: lock name; any
  *  other to begin without standard input. */
