@@ -428,6 +428,40 @@ TEST_F(Shmx, UserIdsBelongToTheProcessAndAreTakenOverFromADeadOne)
     EXPECT_EQ(log.count("takeover"), 1u);
 }
 
+TEST_F(Shmx, LookFromOutsideTakesNoUserId)
+{
+    const heap_owner heap(tarn_shmx_create(name_.c_str(), 1 << 16, 77, 1));
+    tarn_shmx_blk_free(heap.get(), tarn_shmx_blk_alloc(heap.get(), 20));
+    tarn_shmx_blk_free(heap.get(), tarn_shmx_blk_alloc(heap.get(), 1000));
+    child_process other = start_visitor(name_, "hold");
+    ASSERT_TRUE(other.wait_for_line("ready 1")); // which was the only one
+    tarn_shmx_look look = {};
+    tarn_shmx_user users[2] = {};
+    support::expect_check("RVOF(look->size == sizeof *look,TARN_ERRLN)");
+    EXPECT_LT(tarn_shmx_look_at(name_.c_str(), &look, users, 2), 0);
+    look.size = sizeof look;
+    ASSERT_EQ(tarn_shmx_look_at(name_.c_str(), &look, users, 2), 0);
+    EXPECT_EQ(look.data_size, 1u << 16);
+    EXPECT_EQ(look.meta_zone_size, 77u);
+    EXPECT_EQ(look.max_user_count, 1u);
+    EXPECT_EQ(look.user_count, 1u);
+    EXPECT_EQ(users[0].user_id, 1u);
+    EXPECT_EQ(users[0].process_id, static_cast<uint32_t>(other.pid()));
+    EXPECT_EQ(users[1].user_id, 0u);
+    EXPECT_EQ(look.slot_count, 100u);
+    EXPECT_EQ(look.busy_slots, 0u);
+    EXPECT_GE(look.used_size, 52u + 1028u);
+    EXPECT_EQ(look.class_size[0], 52u);
+    EXPECT_EQ(look.free_count[0], 1u);
+    EXPECT_EQ(look.large_count, 1u);
+    EXPECT_EQ(tarn_shmx_look_at(name_.c_str(), &look, nullptr, 0), 0);
+    EXPECT_EQ(look.user_count, 1u);
+    EXPECT_EQ(tarn_shmx_look_at((name_ + "x").c_str(), &look, nullptr, 0), -1);
+    TARN_SHM plain = tarn_shm_create((name_ + "y").c_str(), 5000);
+    EXPECT_EQ(tarn_shmx_look_at((name_ + "y").c_str(), &look, nullptr, 0), -2);
+    tarn_shm_destroy(plain);
+}
+
 TEST_F(Shmx, ChildOfAForkCannotUseItsParentsHandle)
 {
     const heap_owner heap(tarn_shmx_create(name_.c_str(), 1 << 16, 0, 2));

@@ -148,6 +148,39 @@ TARN_API const char *tarn_shmx_event_name(uint32_t event);
  *          or the heap's lock could not be had. */
 TARN_API int tarn_shmx_info_print(TARN_SHMX shmx, char *buffer, size_t buffer_len);
 
+/** Who has a user id. */
+typedef struct tarn_shmx_user
+{
+    uint32_t user_id;    /**< from 1 */
+    uint32_t process_id; /**< may have ended: the next visitor takes the id over then */
+} tarn_shmx_user;
+
+/** A heap as it stands in its segment; sizes in bytes. */
+typedef struct tarn_shmx_look
+{
+    uint32_t size; /**< sizeof(tarn_shmx_look), set before the call */
+    uint32_t data_size;
+    uint32_t meta_zone_size;
+    uint32_t max_user_count;
+    uint32_t user_count;     /**< user ids that are taken */
+    uint32_t slot_count;     /**< request slots */
+    uint32_t busy_slots;     /**< those that a request is in */
+    uint32_t used_size;      /**< ever carved, of data_size */
+    uint32_t free_count[16]; /**< free blocks of each class */
+    uint32_t class_size[16]; /**< what a block of each class takes, its header included */
+    uint32_t large_count;    /**< free blocks above the classes */
+} tarn_shmx_look;
+
+/** Look at a heap without becoming a visitor: takes no user id, so it works when none is left.
+ *  @param look   out: its size set before
+ *  @param users  out: the first of the user ids that are taken, in their order; null with
+ *                max_users 0
+ *  @return 0; -1 when the name stands for no shared memory object; -2 when that is no heap; -3
+ *          when the heap's lock could not be had; TARN_ERRLN for a null argument or a wrong size.
+ *  Blocking: up to 10 s for the heap's lock. */
+TARN_API int tarn_shmx_look_at(const char *name, tarn_shmx_look *look, tarn_shmx_user *users,
+                               uint32_t max_users);
+
 TARN_END_DECLS
 
 #endif

@@ -508,6 +508,7 @@ void free_address(TARN_SHMX shmx, const void *ptr)
 struct statistics
 {
     std::array<uint32_t, tarn::shmx_class_count> counts;
+    uint32_t large; ///< free blocks above the classes
     uint32_t used;
     bool has_loop;
 };
@@ -549,7 +550,73 @@ bool gather(TARN_SHMX shmx, statistics *out)
     {
         out->counts[list] = count_list(shmx->view, list, &out->has_loop);
     }
+    bool large_loop = false; // the statistics line does not show that list, nor its faults
+    out->large = count_list(shmx->view, tarn::shmx_large_list, &large_loop);
     out->used = std::min(tarn::shmx_load(shmx->view.header->spare_offset), shmx->view.data_size);
+    return true;
+}
+
+// ---- a look from outside ------------------------------------------------------------------------
+
+/** Holds a mapped segment for its scope. */
+void detach(TARN_SHM shm)
+{
+    (void)tarn_shm_destroy(shm);
+}
+using shm_owner = tarn::unique_handle<TARN_SHM, detach>;
+
+bool is_heap(TARN_SHM shm)
+{
+    const auto *header = static_cast<const tarn::shmx_segment_header *>(tarn_shm_buffer(shm));
+    return tarn_shm_size(shm) >= sizeof *header &&
+           tarn::shmx_load(header->fourcc, std::memory_order_acquire) == tarn::shmx_fourcc;
+}
+
+/** The user ids that are taken. */
+void look_at_users(const tarn::shmx_view &view, tarn_shmx_look *look, tarn_shmx_user *users,
+                   uint32_t max_users)
+{
+    for (uint32_t id = 1; id <= view.max_user_count; ++id)
+    {
+        const uint32_t owner =
+            tarn::shmx_load(*tarn::shmx_slot_word(&view.users[id].lock)) & tarn::lock_owner_mask;
+        if (owner == 0)
+        {
+            continue;
+        }
+        if (look->user_count < max_users)
+        {
+            users[look->user_count] = {id, owner};
+        }
+        ++look->user_count;
+    }
+}
+
+void look_at_slots(const tarn::shmx_view &view, tarn_shmx_look *look)
+{
+    look->slot_count = tarn::shmx_slot_count;
+    for (const tarn::shmx_request_slot &slot : view.header->slots)
+    {
+        look->busy_slots +=
+            tarn::shmx_load(slot.state) != static_cast<uint8_t>(tarn::slot_state::free) ? 1 : 0;
+    }
+}
+
+/** @return false when the header lock could not be had */
+bool look_at_blocks(TARN_SHMX shmx, tarn_shmx_look *look)
+{
+    statistics found{};
+    if (!gather(shmx, &found))
+    {
+        return false;
+    }
+    for (size_t list = 0; list < tarn::shmx_class_count; ++list)
+    {
+        look->free_count[list] = found.counts[list];
+        look->class_size[list] = tarn::shmx_class_sizes[list];
+    }
+    look->large_count = found.large;
+    look->used_size = found.used;
     return true;
 }
 
@@ -944,6 +1011,39 @@ int tarn_shmx_info_print(TARN_SHMX shmx, char *buffer, size_t buffer_len)
         TARN_LOG_ERROR("loop list detected!");
     }
     return write_statistics(shmx->view, found, buffer, buffer_len);
+}
+
+int tarn_shmx_look_at(const char *name, tarn_shmx_look *look, tarn_shmx_user *users,
+                      uint32_t max_users)
+{
+    RVON(name, TARN_ERRLN);
+    RVON(look, TARN_ERRLN);
+    RVOF(look->size == sizeof *look, TARN_ERRLN);
+    RVOF(users != NULL || max_users == 0, TARN_ERRLN);
+    const shm_owner shm(tarn_shm_open(name));
+    if (!shm)
+    {
+        return -1;
+    }
+    tarn_shmx seen{}; // no handle: nothing but the mapped zones is in use
+    seen.shm = shm.get();
+    if (!is_heap(shm.get()) || !map_zones(&seen))
+    {
+        return -2;
+    }
+    tarn_shmx_look found{};
+    found.size = sizeof found;
+    found.data_size = seen.view.data_size;
+    found.meta_zone_size = seen.view.meta_size;
+    found.max_user_count = seen.view.max_user_count;
+    if (!look_at_blocks(&seen, &found))
+    {
+        return -3;
+    }
+    look_at_users(seen.view, &found, users, max_users);
+    look_at_slots(seen.view, &found);
+    *look = found;
+    return 0;
 }
 
 bool tarn_shmx_init(void)
