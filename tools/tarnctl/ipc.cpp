@@ -115,8 +115,9 @@ void print_text(int32_t code, TARN_DATA values)
     {
         if (const value_type *const type = find_type(types, tarn_data_get_type(at)))
         {
-            (void)std::fprintf(out(), "%s %s\n", type->name,
-                               value_text(*type, bytes_of(at, *type)).c_str());
+            const std::string text = value_text(*type, bytes_of(at, *type));
+            (void)std::fprintf(out(), "%s%s%s\n", type->name, text.empty() ? "" : " ",
+                               text.c_str());
         }
     }
 }

@@ -1,0 +1,406 @@
+// tarnctl, driven as its user drives it: usage and help of all subcommands, and those that need no
+// peer: credentials, level files, shared memory, serial ports, network interfaces.
+
+#include "tarnctl_support.h"
+
+#include "tarn_shm.h"
+#include "tarn_shmx.h"
+
+#include <csignal>
+#include <filesystem>
+
+#include <net/if.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace tarnctl_test;
+
+namespace
+{
+
+const std::vector<std::vector<std::string>> all_subcommands = {
+    {"rpc", "call"},    {"rpc", "ping"}, {"rpc", "send"},    {"ipc", "call"},       {"log-level"},
+    {"shm", "list"},    {"shm", "info"}, {"serial", "list"}, {"serial", "monitor"}, {"net", "list"},
+    {"net", "gateway"}, {"tls", "init"}, {"tls", "show"},
+};
+
+std::vector<std::string> operator+(std::vector<std::string> words,
+                                   const std::vector<std::string> &more)
+{
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
+std::string joined(const std::vector<std::string> &words)
+{
+    std::string text;
+    for (const std::string &word : words)
+    {
+        text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
+}
+
+mode_t mode_of(const std::string &path)
+{
+    struct stat status = {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & 0777;
+}
+
+struct wrong_usage
+{
+    std::vector<std::string> arguments;
+    std::vector<std::string> texts;
+};
+
+void expect_wrong(const std::vector<wrong_usage> &rows)
+{
+    for (const auto &[arguments, texts] : rows)
+    {
+        (void)expect_error(2, arguments, texts);
+    }
+}
+
+} // namespace
+
+// ---- usage ----------------------------------------------------------------------------------------
+
+TEST(Tarnctl, HelpOfEverySubcommandNamesItsOptionsAndSucceeds)
+{
+    const std::string overview = expect_ok({"--help"});
+    for (const auto &words : all_subcommands)
+    {
+        const std::string help = expect_ok(words + std::vector<std::string>{"--help"});
+        EXPECT_TRUE(help.starts_with("Usage: tarnctl " + joined(words))) << help;
+        EXPECT_TRUE(has(help, "--help")) << help;
+        EXPECT_TRUE(has(overview, joined(words))) << overview;
+    }
+    EXPECT_TRUE(has(expect_ok({"rpc", "--help"}), "rpc ping"));
+    EXPECT_EQ(expect_ok({"--version"}), "tarnctl " TARN_VERSION_STRING "\n");
+}
+
+TEST(Tarnctl, WrongSubcommandsAndOptionsAreNamed)
+{
+    expect_wrong({
+        {{}, {"subcommand is missing", "rpc"}},
+        {{"rcp"}, {"'rcp'", "rpc, ipc"}},
+        {{"rpc"}, {"tarnctl rpc", "call, ping, send"}},
+        {{"rpc", "\x1b[2J"}, {"'\\x1b[2J'"}},
+        {{"net", "list", "x"}, {"'x'"}},
+        {{"log-level"}, {"NAME", "takes the name of a daemon"}},
+    });
+    for (const auto &words : all_subcommands)
+    {
+        (void)expect_error(2, words + std::vector<std::string>{"--bogus"},
+                           {"tarnctl " + joined(words), "'--bogus'", "--help"});
+        (void)expect_error(2, words + std::vector<std::string>{"-x"}, {"'-x'"});
+    }
+}
+
+TEST(Tarnctl, WrongValuesAreNamedWithWhatIsTaken)
+{
+    const std::string target = "takes an address and a port";
+    const std::string count = "takes a whole number, 1 to 1000000000";
+    expect_wrong({
+        {{"rpc", "call", "127.0.0.1", "1000"}, {"'127.0.0.1'", target}},
+        {{"rpc", "call", "127.0.0.1:0", "1000"}, {"'127.0.0.1:0'", target}},
+        {{"rpc", "call", "127.0.0.1:65536", "1000"}, {target}},
+        {{"rpc", "call", "a,b:80", "1000"}, {target}},
+        {{"rpc", "call", "local:", "1000"}, {target}},
+        {{"rpc", "call", "local:x"}, {"ID is missing", "1000 to"}},
+        {{"rpc", "call", "local:x", "999"}, {"ID '999'", "a message id, 1000 to 2147483647"}},
+        {{"rpc", "call", "local:x", "1000", "--timeout=0"}, {"--timeout=0", "1 to 3600000"}},
+        {{"rpc", "call", "local:x", "1000", "--tls-dir"}, {"--tls-dir", "tarnctl tls init"}},
+        {{"rpc", "call", "local:x", "1000", "--tls-dir=x"}, {"--tls-dir", "ADDR:PORT only"}},
+        {{"rpc", "call", "local:x", "1000", "--json=1"}, {"--json takes no value"}},
+        {{"rpc", "call", "local:x", "1000", "x"}, {"ELEM 'x'", "ID:TYPE=VALUE"}},
+        {{"rpc", "call", "local:x", "1000", "0:int8=1"}, {"ELEM '0:int8=1'"}},
+        {{"rpc", "call", "local:x", "1000", "1:int9=1"}, {"'1:int9=1'", "bytes16, string, hex"}},
+        {{"rpc", "call", "local:x", "1000", "1:int8=128"}, {"int8 takes", "-128 to 127"}},
+        {{"rpc", "call", "local:x", "1000", "1:uint64=18446744073709551616"}, {"0 to 184467"}},
+        {{"rpc", "call", "local:x", "1000", "1:bool=yes"}, {"bool takes true or false"}},
+        {{"rpc", "call", "local:x", "1000", "1:double=1x"}, {"double takes a number"}},
+        {{"rpc", "call", "local:x", "1000", "1:bytes16=00"}, {"bytes16 takes 32 hex digits"}},
+        {{"rpc", "call", "local:x", "1000", "1:hex=0"}, {"hex takes pairs"}},
+        {{"rpc", "call", "local:x", "1000", "1:{", "2:int8=1"}, {"'}' is missing"}},
+        {{"rpc", "call", "local:x", "1000", "1:{2:string=\"x}"}, {"closing '\"'"}},
+        {{"rpc", "call", "local:x", "1000", "1:{", "]"}, {"']'", "none such"}},
+        {{"rpc", "call", "local:x", "1000", "1:[2:int8=1 2:int16=1]"}, {"type of its first"}},
+        {{"rpc", "ping"}, {"ADDR:PORT|local:NAME is missing"}},
+        {{"rpc", "ping", "local:x", "--count=0"}, {"--count=0", count}},
+        {{"rpc", "ping", "local:x", "--count", "9x"}, {"--count=9x", count}},
+        {{"rpc", "ping", "local:x", "--interval=-1"}, {"--interval=-1", "milliseconds"}},
+        {{"rpc", "send", "file"}, {"ADDR:PORT|local:NAME is missing"}},
+        {{"rpc", "send", "dir/", "local:x"}, {"FILE 'dir/'", "name of a file"}},
+        {{"rpc", "send", "file", "local:x", ""}, {"DEST ''", "for the receiver"}},
+        {{"rpc", "send", "file", "local:x", "--retry=x"}, {"--retry=x", "seconds"}},
+        {{"ipc", "call", "x"}, {"FUNC is missing"}},
+        {{"ipc", "call", "x", "-1"}, {"'-1'"}},
+        {{"ipc", "call", "x", "1x"}, {"FUNC '1x'", "0 to 4294967295"}},
+        {{"ipc", "call", "x", "1", "5"}, {"VALUE '5'", "TYPE=VALUE", "uint64"}},
+        {{"ipc", "call", "x", "1", "uint8=256"}, {"uint8 takes a whole number, 0 to 255"}},
+        {{"ipc", "call", "x", "1", "pair=1"}, {"pair takes MAJOR,MINOR"}},
+        {{"log-level", "a/b"}, {"NAME 'a/b'", "without '/'"}},
+        {{"log-level", ".."}, {"NAME '..'"}},
+        {{"log-level", "x", "LOUD"}, {"LEVEL 'LOUD'", "takes FATAL, ERROR"}},
+        {{"shm", "info"}, {"NAME is missing"}},
+        {{"shm", "info", "a/b"}, {"NAME 'a/b'", "107 characters"}},
+        {{"serial", "monitor"}, {"DEVICE is missing"}},
+        {{"serial", "monitor", "/dev/x", "fast"}, {"SETTINGS 'fast'", "BAUD,FORM"}},
+        {{"serial", "monitor", "/dev/x", "9600,9N1"}, {"SETTINGS '9600,9N1'"}},
+        {{"serial", "monitor", "/dev/x", "9600,8X1"}, {"SETTINGS '9600,8X1'"}},
+        {{"serial", "monitor", "/dev/x", "--lines=0"}, {"--lines=0", "takes a whole number"}},
+        {{"serial", "monitor", "/dev/x", "--for=no"}, {"--for=no", "seconds"}},
+        {{"net", "gateway", "x/y"}, {"IF 'x/y'", "15 characters"}},
+        {{"tls", "init"}, {"DIR is missing"}},
+        {{"tls", "init", "d", "--cn", "\n"}, {"--cn=?", "ASCII"}},
+        {{"tls", "init", "d", "--days=0"}, {"--days=0", "1 to 36500"}},
+        {{"tls", "init", "d", "--bits=512"}, {"--bits=512", "2048 to 8192"}},
+        {{"tls", "show"}, {"FILE is missing"}},
+        {{"tls", "show", "x", "--secret="}, {"--secret", "a file with the secret"}},
+    });
+}
+
+TEST(Tarnctl, FailuresSayWhatToDo)
+{
+    const support::temp_dir dir;
+    const std::string port = std::to_string(support::free_port());
+    const std::string nowhere = "127.0.0.1:" + port;
+    const std::string nobody = support::unique_name("nobody");
+    const std::vector<wrong_usage> rows = {
+        {{"rpc", "call", nowhere, "1000"}, {nowhere, "check that the server runs"}},
+        {{"rpc", "ping", "local:" + nobody}, {nobody, "check that the server runs"}},
+        {{"rpc", "send", program, nowhere}, {nowhere, "check that the server runs"}},
+        {{"rpc", "send", dir.file("none"), nowhere}, {"No such file", "check its name"}},
+        {{"rpc", "send", dir.path(), nowhere}, {"choose a regular file"}},
+        {{"rpc", "call", nowhere, "1000", "--tls-dir", dir.path()}, {"secret", "tarnctl tls init"}},
+        {{"ipc", "call", nobody, "1"}, {nobody, "check that a process serves that name"}},
+        {{"log-level", nobody}, {nobody, "check the name"}},
+        {{"log-level", nobody, "DEBUG"}, {nobody, "check the name"}},
+        {{"shm", "info", nobody}, {nobody, "tarnctl shm list"}},
+        {{"serial", "monitor", dir.file("none")}, {"check the name"}},
+        {{"serial", "monitor", "/dev/null"}, {"/dev/null", "check the name"}},
+        {{"net", "gateway", "nosuchif"}, {"nosuchif", "tarnctl net list"}},
+        {{"net", "gateway", "lo"}, {"lo", "choose another"}},
+        {{"tls", "show", dir.file("none")}, {"No such file", "check the name"}},
+        {{"tls", "init", "/proc/none"}, {"/proc/none", "choose another place"}},
+    };
+    for (const auto &[arguments, texts] : rows)
+    {
+        (void)expect_error(1, arguments, texts);
+    }
+    // what the library says goes to standard error, when it is asked for
+    const run_result verbose = run({"net", "gateway", "lo", "-vv"});
+    EXPECT_EQ(verbose.out, "");
+    EXPECT_TRUE(has(verbose.err, "[tarn")) << verbose.err;
+}
+
+// ---- credentials ------------------------------------------------------------------------------------
+
+TEST(Tarnctl, CredentialsAreMadeOnceAndShown)
+{
+    const support::temp_dir dir;
+    const std::string set = dir.file("a/set");
+    EXPECT_TRUE(has(expect_ok({"tls", "init", set, "--cn", "gw.test", "--days=30"}), "gw.test"));
+    EXPECT_EQ(mode_of(set), 0700u);
+    EXPECT_EQ(mode_of(set + "/secret"), 0600u);
+    EXPECT_EQ(mode_of(set + "/server.key"), 0600u);
+    const std::string secret = support::read_file(set + "/secret");
+    EXPECT_EQ(secret.find('\n'), secret.size() - 1);
+    EXPECT_GE(secret.size(), 33u);
+    std::vector<std::string> files;
+    for (const auto &entry : std::filesystem::directory_iterator(set))
+    {
+        files.push_back(entry.path().filename());
+    }
+    std::sort(files.begin(), files.end());
+    EXPECT_EQ(files,
+              (std::vector<std::string>{"client.cert", "client.chain", "client.key", "root.pem",
+                                        "secret", "server.cert", "server.chain", "server.key"}));
+    const std::string before = support::read_file(set + "/server.key");
+    EXPECT_FALSE(has(before, "BEGIN"));
+    (void)expect_error(1, {"tls", "init", set}, {"is there already", "--force"});
+    EXPECT_EQ(support::read_file(set + "/server.key"), before);
+    EXPECT_EQ(support::read_file(set + "/secret"), secret);
+
+    const std::string shown = expect_ok({"tls", "show", set + "/server.cert"});
+    for (const char *text : {"subject   CN=gw.test\n", "issuer    CN=gw.test root", "serial    ",
+                             "validity  2", " UTC to 2"})
+    {
+        EXPECT_TRUE(has(shown, text)) << shown;
+    }
+    const std::string key = expect_ok({"tls", "show", set + "/server.key"});
+    EXPECT_TRUE(key.starts_with("PRIVATE KEY, ")) << key;
+    EXPECT_EQ(std::count(key.begin(), key.end(), '\n'), 1);
+    const std::string json = expect_ok({"tls", "show", "--json", set + "/server.chain"});
+    EXPECT_EQ(json_value(json, "len(v), v[0]['subject'] == v[0]['issuer'], v[0]['valid']"),
+              "1 True True");
+    EXPECT_EQ(json, expect_ok({"tls", "show", "--json", set + "/root.pem"}));
+
+    EXPECT_TRUE(has(expect_ok({"tls", "init", set, "--force"}), "tarn-server"));
+    EXPECT_NE(support::read_file(set + "/secret"), secret);
+    (void)expect_ok({"tls", "show", set + "/client.cert"});
+}
+
+TEST(Tarnctl, CredentialsThatAreNoneAreRefused)
+{
+    const support::temp_dir dir;
+    const std::string file = dir.file("file");
+    const std::string pem = "-----BEGIN CERTIFICATE-----\n";
+    const std::string end = "\n-----END CERTIFICATE-----\n";
+    support::write_file(file, "noise");
+    (void)expect_error(1, {"tls", "show", file}, {"enciphered", "--secret"});
+    support::write_file(dir.file("secret"), "wrong\n");
+    (void)expect_error(1, {"tls", "show", file}, {"neither", "--secret"});
+    support::write_file(file, pem + "MIIB");
+    (void)expect_error(1, {"tls", "show", file}, {"nothing that is whole"});
+    // lengths that lead outside, a certificate that ends early, one without end
+    for (const char *body :
+         {"MIT/////", "MIIB", "MAIwAA==", "MIAwgAAA", "MAowCKADAgECAgEB", "!!!!"})
+    {
+        support::write_file(file, pem + body + end);
+        EXPECT_TRUE(expect_ok({"tls", "show", file}).starts_with("CERTIFICATE, ")) << body;
+        EXPECT_EQ(json_value(expect_ok({"tls", "show", "--json", file}), "v[0]['kind']"),
+                  "CERTIFICATE");
+    }
+}
+
+// ---- level files ------------------------------------------------------------------------------------
+
+TEST(Tarnctl, LevelFileIsReadAndWritten)
+{
+    const std::string name = support::unique_name("level");
+    const std::string path = "/tmp/tarn_log_level/" + name;
+    std::error_code error;
+    std::filesystem::create_directory("/tmp/tarn_log_level", error);
+    support::write_file(path, "INFO\n");
+    EXPECT_EQ(expect_ok({"log-level", name}), "INFO\n");
+    EXPECT_EQ(expect_ok({"log-level", name, "warn"}), "WARN\n");
+    EXPECT_EQ(support::read_file(path), "WARN\n");
+    EXPECT_EQ(expect_ok({"log-level", name, "DEBUG"}), "DEBUG\n");
+    EXPECT_EQ(json_value(expect_ok({"log-level", name, "--json"}), "v['level'], v['name']"),
+              "DEBUG " + name);
+    // another's link is not followed
+    const support::temp_dir dir;
+    const std::string victim = dir.file("victim");
+    support::write_file(victim, "content");
+    std::filesystem::remove(path);
+    std::filesystem::create_symlink(victim, path);
+    (void)expect_error(1, {"log-level", name, "DEBUG"}, {"cannot write", "check who owns it"});
+    EXPECT_EQ(support::read_file(victim), "content");
+    std::filesystem::remove(path);
+}
+
+// ---- shared memory ----------------------------------------------------------------------------------
+
+TEST(Tarnctl, SharedMemoryIsListedWithItsKindAndUsers)
+{
+    const support::layer layer;
+    const std::string heap_name = support::unique_name("ctl_heap");
+    const std::string plain_name = support::unique_name("ctl_shm");
+    TARN_SHMX heap = tarn_shmx_create(heap_name.c_str(), 100000, 50, 3);
+    TARN_SHMX visitor = tarn_shmx_open(heap_name.c_str());
+    TARN_SHM plain = tarn_shm_create(plain_name.c_str(), 4321);
+    tarn_shmx_blk_free(heap, tarn_shmx_blk_alloc(heap, 20));
+    (void)tarn_shmx_blk_alloc(heap, 1000);
+    const std::string pid = std::to_string(::getpid());
+
+    const std::string list = expect_ok({"shm", "list"});
+    EXPECT_TRUE(list.starts_with("NAME ")) << list;
+    EXPECT_TRUE(has(list, heap_name)) << list;
+    const std::string found = "[[o for o in v if o['name'] == '" + plain_name + "'][0]['size'], " +
+                              "[o for o in v if o['name'] == '" + heap_name + "'][0]['users']]";
+    EXPECT_EQ(json_value(expect_ok({"shm", "list", "--json"}), found), "[4321, 1]");
+
+    const std::string info = expect_ok({"shm", "info", heap_name});
+    for (const std::string &text :
+         {std::string("heap"), std::string("100000 bytes"), std::string("50 bytes"),
+          std::string("0 of 100 busy"), std::string("1 of 3"), pid + "  running"})
+    {
+        EXPECT_TRUE(has(info, text)) << info;
+    }
+    const std::string json = expect_ok({"shm", "info", heap_name, "--json"});
+    EXPECT_EQ(json_value(json, "v['users'][0]['pid'], v['users'][0]['running'], v['slots'], "
+                               "v['reclaim'], v['data_size'], v['free_blocks'][0]['count']"),
+              pid + " True 100 52 100000 1");
+    EXPECT_EQ(json_value(json, "v['used'] + v['unused']"), "100000");
+    EXPECT_TRUE(has(expect_ok({"shm", "info", plain_name}), "4321 bytes"));
+    EXPECT_EQ(json_value(expect_ok({"shm", "info", plain_name, "--json"}), "v['kind']"), "object");
+
+    EXPECT_TRUE(tarn_shmx_destroy(visitor));
+    EXPECT_TRUE(tarn_shmx_destroy(heap));
+    EXPECT_TRUE(tarn_shm_destroy(plain));
+}
+
+// ---- network interfaces -----------------------------------------------------------------------------
+
+TEST(Tarnctl, InterfacesAreListed)
+{
+    const std::string list = expect_ok({"net", "list"});
+    EXPECT_TRUE(list.starts_with("NAME ")) << list;
+    const std::string index = std::to_string(::if_nametoindex("lo"));
+    EXPECT_EQ(json_value(
+                  expect_ok({"net", "list", "--json"}),
+                  "[(o['index'], o['address'], o['hardware']) for o in v if o['name'] == 'lo'][0]"),
+              "(" + index + ", '127.0.0.1', None)");
+}
+
+// ---- serial ports -----------------------------------------------------------------------------------
+
+TEST(Tarnctl, SerialPortsAreListed)
+{
+    EXPECT_TRUE(expect_ok({"serial", "list"}).starts_with("DEVICE "));
+    (void)json_value(expect_ok({"serial", "list", "--json"}), "len(v)");
+}
+
+TEST(Tarnctl, SerialMonitorPrintsLinesAndHex)
+{
+    const support::temp_dir dir;
+    const auto write = [](const support::pty_pair &pty, const std::string &bytes) {
+        return ::write(pty.master(), bytes.data(), bytes.size()) ==
+               static_cast<ssize_t>(bytes.size());
+    };
+    // bytes that are there before the port is open are kept by the terminal
+    {
+        support::pty_pair pty;
+        auto monitor =
+            start({"serial", "monitor", pty.slave_name(), "9600", "--lines=2"}, dir.file("err"));
+        std::string first;
+        ASSERT_TRUE(support::wait_until([&] {
+            return write(pty, "a\x1b[2J line\r\n") && !(first = monitor.read_line(200)).empty();
+        }));
+        EXPECT_EQ(first, "a\\x1b[2J line");
+        (void)write(pty, "second\n");
+        EXPECT_EQ(monitor.wait(), 0);
+        EXPECT_EQ(support::read_file(dir.file("err")), "");
+    }
+    {
+        support::pty_pair pty;
+        auto monitor =
+            start({"serial", "monitor", pty.slave_name(), "--hex", "--time"}, dir.file("err"));
+        std::string first;
+        ASSERT_TRUE(support::wait_until([&] {
+            return write(pty, std::string("ab\0\xff", 4)) &&
+                   !(first = monitor.read_line(200)).empty();
+        }));
+        EXPECT_EQ(first.find("61 62 00 ff"), std::string("00:00:00.000  ").size()) << first;
+        EXPECT_EQ(first[8], '.') << first;
+        EXPECT_TRUE(has(first, "|ab..")) << first;
+        monitor.signal(SIGINT);
+        EXPECT_EQ(monitor.wait(), 0);
+    }
+    {
+        support::pty_pair pty;
+        auto monitor =
+            start({"serial", "monitor", pty.slave_name(), "115200,8N1", "--json"}, dir.file("err"));
+        std::string first;
+        ASSERT_TRUE(support::wait_until([&] {
+            return write(pty, "json \"x\"\n") && !(first = monitor.read_line(200)).empty();
+        }));
+        EXPECT_EQ(json_value(first, "v['text']"), "json \"x\"");
+        pty.close_master();
+        EXPECT_EQ(monitor.wait(), 1);
+        EXPECT_TRUE(has(support::read_file(dir.file("err")), "is gone"));
+    }
+}
