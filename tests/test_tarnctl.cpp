@@ -3,6 +3,7 @@
 
 #include "tarnctl_support.h"
 
+#include "../examples/gatewayd/point_heap.h"
 #include "tarn_shm.h"
 #include "tarn_shmx.h"
 
@@ -21,7 +22,7 @@ namespace
 const std::vector<std::vector<std::string>> all_subcommands = {
     {"rpc", "call"},    {"rpc", "ping"}, {"rpc", "send"},    {"ipc", "call"},       {"log-level"},
     {"shm", "list"},    {"shm", "info"}, {"serial", "list"}, {"serial", "monitor"}, {"net", "list"},
-    {"net", "gateway"}, {"tls", "init"}, {"tls", "show"},
+    {"net", "gateway"}, {"tls", "init"}, {"tls", "show"},    {"points", "watch"},
 };
 
 std::vector<std::string> operator+(std::vector<std::string> words,
@@ -157,6 +158,10 @@ TEST(Tarnctl, WrongValuesAreNamedWithWhatIsTaken)
         {{"tls", "init", "d", "--cn", "\n"}, {"--cn=?", "ASCII"}},
         {{"tls", "init", "d", "--days=0"}, {"--days=0", "1 to 36500"}},
         {{"tls", "init", "d", "--bits=512"}, {"--bits=512", "2048 to 8192"}},
+        {{"points", "watch"}, {"NAME is missing", "gatewayd"}},
+        {{"points", "watch", "a/b"}, {"NAME 'a/b'", "107 characters"}},
+        {{"points", "watch", "x", "--interval=1"}, {"--interval=1", "10 to 3600000"}},
+        {{"points", "watch", "x", "--count=0"}, {"--count=0", "1 to 4294967295"}},
         {{"tls", "show"}, {"FILE is missing"}},
         {{"tls", "show", "x", "--secret="}, {"--secret", "a file with the secret"}},
     });
@@ -183,6 +188,7 @@ TEST(Tarnctl, FailuresSayWhatToDo)
         {{"serial", "monitor", "/dev/null"}, {"/dev/null", "check the name"}},
         {{"net", "gateway", "nosuchif"}, {"nosuchif", "tarnctl net list"}},
         {{"net", "gateway", "lo"}, {"lo", "choose another"}},
+        {{"points", "watch", nobody}, {nobody, "check that gatewayd runs"}},
         {{"tls", "show", dir.file("none")}, {"No such file", "check the name"}},
         {{"tls", "init", "/proc/none"}, {"/proc/none", "choose another place"}},
     };
@@ -322,8 +328,9 @@ TEST(Tarnctl, SharedMemoryIsListedWithItsKindAndUsers)
     }
     const std::string json = expect_ok({"shm", "info", heap_name, "--json"});
     EXPECT_EQ(json_value(json, "v['users'][0]['pid'], v['users'][0]['running'], v['slots'], "
-                               "v['reclaim'], v['data_size'], v['free_blocks'][0]['count']"),
-              pid + " True 100 52 100000 1");
+                               "v['reclaim'], v['data_size'], v['free_blocks'][0]['count'], "
+                               "v['creator']"),
+              pid + " True 100 52 100000 1 " + pid);
     EXPECT_EQ(json_value(json, "v['used'] + v['unused']"), "100000");
     EXPECT_TRUE(has(expect_ok({"shm", "info", plain_name}), "4321 bytes"));
     EXPECT_EQ(json_value(expect_ok({"shm", "info", plain_name, "--json"}), "v['kind']"), "object");
@@ -331,6 +338,91 @@ TEST(Tarnctl, SharedMemoryIsListedWithItsKindAndUsers)
     EXPECT_TRUE(tarn_shmx_destroy(visitor));
     EXPECT_TRUE(tarn_shmx_destroy(heap));
     EXPECT_TRUE(tarn_shm_destroy(plain));
+}
+
+// ---- points of a gatewayd ---------------------------------------------------------------------------
+
+namespace
+{
+
+/** A heap as gatewayd shows it, with what a test puts in. */
+class point_heap
+{
+public:
+    explicit point_heap(const std::string &name)
+        : heap_(tarn_shmx_create(name.c_str(), GATEWAYD_HEAP_TABLE_SIZE + 4096,
+                                 GATEWAYD_HEAP_META_SIZE, 4))
+    {
+        void *const block = tarn_shmx_blk_alloc(heap_, GATEWAYD_HEAP_TABLE_SIZE);
+        table_ = static_cast<gatewayd_heap_point *>(gatewayd_heap_aligned(block));
+        meta_ =
+            static_cast<gatewayd_heap_meta *>(gatewayd_heap_aligned(tarn_shmx_meta_zone(heap_)));
+        meta_->version = GATEWAYD_HEAP_VERSION;
+        meta_->point_size = sizeof(gatewayd_heap_point);
+        meta_->capacity = GATEWAYD_HEAP_POINTS;
+        meta_->table_offset = tarn_shmx_ptr_to_offset(heap_, block);
+        meta_->pid = static_cast<uint32_t>(::getpid());
+        __atomic_store_n(&meta_->magic, GATEWAYD_HEAP_MAGIC, __ATOMIC_RELEASE);
+    }
+    point_heap(const point_heap &) = delete;
+    point_heap &operator=(const point_heap &) = delete;
+    ~point_heap()
+    {
+        (void)tarn_shmx_destroy(heap_);
+    }
+    void set(uint32_t place, const std::string &name, double value)
+    {
+        gatewayd_heap_point &point = table_[place];
+        name.copy(point.name, sizeof point.name - 1);
+        uint64_t bits = 0;
+        memcpy(&bits, &value, sizeof bits);
+        __atomic_store_n(&point.value_bits, bits, __ATOMIC_RELEASE);
+        __atomic_store_n(&point.time_ms, uint64_t{1000} + place, __ATOMIC_RELEASE);
+        if (place >= meta_->count)
+        {
+            __atomic_store_n(&meta_->count, place + 1, __ATOMIC_RELEASE);
+        }
+        (void)__atomic_add_fetch(&meta_->changes, 1, __ATOMIC_RELEASE);
+    }
+    void close()
+    {
+        __atomic_store_n(&meta_->closed, 1u, __ATOMIC_RELEASE);
+    }
+
+private:
+    TARN_SHMX heap_;
+    gatewayd_heap_point *table_;
+    gatewayd_heap_meta *meta_;
+};
+
+} // namespace
+
+TEST(Tarnctl, PointsAreWatchedUntilTheDaemonEnds)
+{
+    const support::layer layer;
+    const support::temp_dir dir;
+    const std::string name = support::unique_name("ctl_points");
+    point_heap heap(name);
+    heap.set(0, "room/2", 21.5);
+    heap.set(1, "room/1\x1b", -3);
+    const std::string table = expect_ok({"points", "watch", name, "--once"});
+    EXPECT_TRUE(table.starts_with("NAME")) << table;
+    EXPECT_TRUE(has(table, "room/1\\x1b     -3  ")) << table;
+    EXPECT_LT(table.find("room/1"), table.find("room/2"));
+    EXPECT_TRUE(has(table, ":01.001\n")) << table;
+    auto watch = start({"points", "watch", name, "--json", "--interval=10"}, dir.file("err"));
+    const std::string first = watch.read_line(60000);
+    EXPECT_EQ(json_value(first, "v['changes'], [p['value'] for p in v['points']]"), "2 [-3, 21.5]");
+    heap.set(2, "room/0", 0.25);
+    EXPECT_EQ(json_value(watch.read_line(60000), "v['points'][0]"),
+              "{'name': 'room/0', 'value': 0.25, 'time_ms': 1002}");
+    heap.close();
+    EXPECT_EQ(watch.wait(60000), 1);
+    EXPECT_TRUE(has(support::read_file(dir.file("err")), "has ended: start it again"));
+    const std::string other = support::unique_name("ctl_heap");
+    TARN_SHMX no_points = tarn_shmx_create(other.c_str(), 1000, 100, 1);
+    (void)expect_error(1, {"points", "watch", other}, {other, "not the heap of a gatewayd"});
+    EXPECT_TRUE(tarn_shmx_destroy(no_points));
 }
 
 // ---- network interfaces -----------------------------------------------------------------------------

@@ -139,5 +139,6 @@ extern const command net_list_command;
 extern const command net_gateway_command;
 extern const command tls_init_command;
 extern const command tls_show_command;
+extern const command points_watch_command;
 
 } // namespace tarnctl

@@ -18,10 +18,10 @@ namespace
 {
 
 constexpr const command *command_table[] = {
-    &rpc_call_command,       &rpc_ping_command, &rpc_send_command,    &ipc_call_command,
-    &log_level_command,      &shm_list_command, &shm_info_command,    &serial_list_command,
-    &serial_monitor_command, &net_list_command, &net_gateway_command, &tls_init_command,
-    &tls_show_command,
+    &rpc_call_command,       &rpc_ping_command,     &rpc_send_command,    &ipc_call_command,
+    &log_level_command,      &shm_list_command,     &shm_info_command,    &serial_list_command,
+    &serial_monitor_command, &net_list_command,     &net_gateway_command, &tls_init_command,
+    &tls_show_command,       &points_watch_command,
 };
 
 std::string full_name(const command &row)

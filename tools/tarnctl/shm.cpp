@@ -37,6 +37,18 @@ bool is_running(uint32_t pid)
     return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
 }
 
+/** @param none  for a creator that is gone, or whose locks are another container's */
+std::string creator_text(int pid, const char *none)
+{
+    return pid != 0 ? std::to_string(pid) : none;
+}
+
+void add_creator(json &line, int pid)
+{
+    line.key("creator");
+    (void)(pid != 0 ? line.number(pid) : line.null());
+}
+
 // ---- list ---------------------------------------------------------------------------------------
 
 struct object
@@ -45,7 +57,7 @@ struct object
     bool is_open = false; ///< it has a segment
     bool is_heap = false;
     uint32_t size = 0;
-    int creator = 0; ///< 0: gone
+    int creator = 0; ///< 0: gone, or not to be seen
     uint32_t users = 0;
 };
 
@@ -76,8 +88,7 @@ void print_json(const std::vector<object> &all)
     for (const object &seen : all)
     {
         line.begin_object().key("name").text(seen.name).key("kind").text(kind_of(seen));
-        line.key("size").number(seen.size).key("creator");
-        (seen.creator != 0 ? line.number(seen.creator) : line.null());
+        add_creator(line.key("size").number(seen.size), seen.creator);
         line.key("users").number(seen.users).end_object();
     }
     line.end_array().print();
@@ -89,7 +100,7 @@ void print_table(const std::vector<object> &all)
     for (const object &seen : all)
     {
         rows.add({escaped(seen.name), kind_of(seen), std::to_string(seen.size),
-                  seen.creator != 0 ? std::to_string(seen.creator) : "gone",
+                  creator_text(seen.creator, "-"),
                   seen.is_heap ? std::to_string(seen.users) : "-"});
     }
     rows.print();
@@ -134,7 +145,7 @@ void print_heap_json(const std::string &name, const tarn_shmx_look &look,
     const heap_sums sums(look);
     json line;
     line.begin_object().key("name").text(name).key("kind").text("heap");
-    line.key("creator").number(lock_holder(file_of(name)));
+    add_creator(line, lock_holder(file_of(name)));
     line.key("data_size").number(look.data_size).key("meta_size").number(look.meta_zone_size);
     line.key("used").number(look.used_size).key("unused").number(look.data_size - look.used_size);
     line.key("reclaim").number(sums.reclaim).key("max_users").number(look.max_user_count);
@@ -176,7 +187,7 @@ void print_heap(const std::string &name, const tarn_shmx_look &look,
     };
     row("name", escaped(name));
     row("kind", "heap");
-    row("creator", creator != 0 ? std::to_string(creator) : "gone");
+    row("creator", creator_text(creator, "gone, or not to be seen from here"));
     row("data zone", std::to_string(look.data_size) + " bytes");
     row("meta zone", std::to_string(look.meta_zone_size) + " bytes");
     row("used", bytes(look.used_size));
@@ -209,13 +220,13 @@ int print_object(const arguments &given, const std::string &name)
     {
         json line;
         line.begin_object().key("name").text(name).key("kind").text("object");
-        line.key("size").number(seen.size).key("creator");
-        (seen.creator != 0 ? line.number(seen.creator) : line.null()).end_object().print();
+        add_creator(line.key("size").number(seen.size), seen.creator);
+        line.end_object().print();
         return status_ok;
     }
     (void)std::fprintf(out(), "name     %s\nkind     object\ncreator  %s\nsize     %u bytes\n",
                        escaped(name).c_str(),
-                       seen.creator != 0 ? std::to_string(seen.creator).c_str() : "gone",
+                       creator_text(seen.creator, "gone, or not to be seen from here").c_str(),
                        seen.size);
     return status_ok;
 }
