@@ -157,8 +157,10 @@ INSTANTIATE_TEST_SUITE_P(All, TarnctlRpc, testing::Values("tcp", "tls", "local")
 /** What a receiving application notes, as the callbacks have no other way. */
 struct inbox
 {
-    std::string path;
-    std::string name;
+    std::mutex lock;   ///< guards the next two
+    std::string path;  ///< empty: files are refused
+    std::string name;  ///< as the sender gave it
+    std::string taken; ///< path of the file that is being received; of the loop's thread
     std::atomic<int> ends{0};
     std::atomic<TARN_RPC> conn{nullptr};
     std::atomic<uint32_t> break_at{101}; ///< percent at which the connection breaks, once
@@ -166,9 +168,11 @@ struct inbox
     static inline inbox *self = nullptr;
     static int begin(const char *file_name, uint32_t, const char **dst_path, void *)
     {
+        const std::lock_guard guard(self->lock);
         self->name = file_name;
-        *dst_path = self->path.c_str();
-        return self->path.empty() ? -5 : 0;
+        self->taken = self->path;
+        *dst_path = self->taken.c_str();
+        return self->taken.empty() ? -5 : 0;
     }
     static void progress(uint32_t percent, void *)
     {
@@ -182,6 +186,17 @@ struct inbox
     {
         ++self->ends;
     }
+    void set_path(const std::string &to)
+    {
+        const std::lock_guard guard(lock);
+        path = to;
+    }
+    std::string last_name()
+    {
+        const std::lock_guard guard(lock);
+        return name;
+    }
+    /** Before the server is started. */
     void attach(rpc_test::server &server)
     {
         self = this;
@@ -256,18 +271,18 @@ TEST_P(TarnctlRpc, SentFileArrives)
     server.start();
     const std::string content = pattern(1500000);
     support::write_file(dir.file("source.bin"), content);
-    box.path = dir.file("arrived");
+    box.set_path(dir.file("arrived"));
     const std::string text = expect_ok(place_.command("send", {dir.file("source.bin")}, {}));
     EXPECT_TRUE(has(text, "sent as source.bin: 1.4 MiB in ")) << text;
     EXPECT_EQ(text.find('\r'), std::string::npos) << "no bar without a terminal";
-    EXPECT_EQ(box.name, "source.bin");
-    EXPECT_TRUE(support::read_file(box.path) == content);
+    EXPECT_EQ(box.last_name(), "source.bin");
+    EXPECT_TRUE(support::read_file(dir.file("arrived")) == content);
     const std::string json =
         expect_ok(place_.command("send", {dir.file("source.bin")}, {"other", "--json"}));
     EXPECT_EQ(json_value(json, "v['bytes'], v['dest'], v['bytes_per_second'] > 0"),
               "1500000 other True");
     EXPECT_EQ(box.ends, 2);
-    box.path.clear();
+    box.set_path("");
     (void)expect_error(1, place_.command("send", {dir.file("source.bin")}, {}),
                        {"refuses source.bin", "check that it takes files"});
 }
@@ -282,13 +297,13 @@ TEST_P(TarnctlRpc, SendGoesOnAfterABreak)
     server.start();
     const std::string content = pattern(4000000);
     support::write_file(dir.file("source"), content);
-    box.path = dir.file("arrived");
+    box.set_path(dir.file("arrived"));
     const run_result made = run(place_.command("send", {dir.file("source")}, {"--retry=30"}));
     EXPECT_EQ(made.status, 0) << made.err;
     EXPECT_TRUE(has(made.err, "broke, trying for 30 s")) << made.err;
     EXPECT_EQ(server.admitted, 2);
     EXPECT_EQ(box.ends, 1);
-    EXPECT_TRUE(support::read_file(box.path) == content);
+    EXPECT_TRUE(support::read_file(dir.file("arrived")) == content);
 }
 
 TEST(TarnctlRpcEnds, ServerThatGoesAwayIsToldOf)
@@ -300,15 +315,15 @@ TEST(TarnctlRpcEnds, ServerThatGoesAwayIsToldOf)
                                 tarn_conn_disconnect(tarn_rpc_conn(rpc));
                                 return 0;
                             });
+    inbox box;
+    box.attach(server);
+    box.break_at = 0;
     server.start();
     (void)expect_error(1, at.command("call", {}, {"1000"}),
                        {"no answer", "--tls-dir", "--timeout"});
     const support::temp_dir dir;
     support::write_file(dir.file("source"), "content");
-    inbox box;
-    box.attach(server);
-    box.break_at = 0;
-    box.path = dir.file("arrived");
+    box.set_path(dir.file("arrived"));
     auto child = start(at.command("send", {dir.file("source")}, {"--retry=1"}), dir.file("err"));
     ASSERT_TRUE(support::wait_until([&] { return box.break_at != 0; }, 60000));
     server.stop();
@@ -344,7 +359,7 @@ TEST(TarnctlRpcEnds, SendDrawsABarOnATerminal)
     box.attach(server);
     server.start();
     support::write_file(dir.file("source"), pattern(900000));
-    box.path = dir.file("arrived");
+    box.set_path(dir.file("arrived"));
     support::pty_pair pty;
     std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$@\" >" + pty.slave_name(), "sh",
                                      program};

@@ -258,9 +258,10 @@ int run(std::span<char *const> argv)
         return result;
     }
     // a reader that has had enough is told nothing
-    return errno == EPIPE
-               ? status_failed
-               : failed("cannot write the output: " + error_text(errno) + ", make room for it");
+    return output_error() == EPIPE
+               ? int{status_failed}
+               : failed("cannot write the output: " + error_text(output_error()) +
+                        ", make room for it");
 }
 
 } // namespace

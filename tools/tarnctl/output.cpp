@@ -15,6 +15,7 @@ namespace
 {
 
 FILE *results = stdout;
+int first_error = 0; ///< of a flush
 std::string prefix = "tarnctl";
 
 int say(const std::string &message, int result)
@@ -134,7 +135,18 @@ FILE *out()
 
 bool flush_output()
 {
-    return std::fflush(results) == 0 && std::ferror(results) == 0;
+    errno = 0;
+    const bool is_written = std::fflush(results) == 0 && std::ferror(results) == 0;
+    if (!is_written && first_error == 0)
+    {
+        first_error = errno != 0 ? errno : EPIPE; // an earlier write failed, mostly for that reason
+    }
+    return is_written;
+}
+
+int output_error()
+{
+    return first_error;
 }
 
 bool output_is_terminal()

@@ -17,6 +17,8 @@ namespace tarnctl
 FILE *out();
 /** Hands on what was written. @return false when nobody takes it any more */
 bool flush_output();
+/** Error number of the first vain flush; 0: none. */
+int output_error();
 /** Results go to a terminal. */
 bool output_is_terminal();
 

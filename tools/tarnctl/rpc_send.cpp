@@ -64,10 +64,11 @@ public:
     }
     void show(uint32_t percent)
     {
-        if (first_percent_ > 100)
+        if (!has_begun_)
         {
-            first_percent_ = percent; // what the receiver had before does not count for the rate
-            start_ = tarn_tick_ms();
+            // what the receiver had before the first block does not count for the rate
+            has_begun_ = true;
+            first_percent_ = percent - std::min(percent, block_percent());
         }
         if (is_quiet_)
         {
@@ -89,7 +90,7 @@ public:
     /** Leaves the line of the bar. */
     void end_line() const
     {
-        if (is_terminal_ && !is_quiet_ && first_percent_ <= 100)
+        if (is_terminal_ && !is_quiet_ && has_begun_)
         {
             (void)std::fputc('\n', out());
         }
@@ -98,7 +99,12 @@ public:
     void begin_again()
     {
         end_line();
-        first_percent_ = not_begun;
+        has_begun_ = false;
+    }
+    /** The connection stands. */
+    void start()
+    {
+        start_ = tarn_tick_ms();
     }
     [[nodiscard]] double rate(uint32_t percent) const
     {
@@ -108,8 +114,12 @@ public:
     }
 
 private:
-    static constexpr uint32_t not_begun = 101;
-
+    /** What one block comes to. */
+    [[nodiscard]] uint32_t block_percent() const
+    {
+        constexpr uint64_t block = 256 * 1024; // as receivers of the layer ask for
+        return static_cast<uint32_t>(std::min<uint64_t>(block * 100 / size_ + 1, 100));
+    }
     [[nodiscard]] std::string so_far(uint32_t percent) const
     {
         return size_text(static_cast<double>(size_) * percent / 100);
@@ -128,9 +138,10 @@ private:
     uint64_t size_;
     bool is_quiet_;
     bool is_terminal_;
-    uint32_t first_percent_ = not_begun;
+    bool has_begun_ = false;
+    uint32_t first_percent_ = 0;
     uint32_t last_percent_ = 0;
-    uint32_t start_ = 0;
+    uint32_t start_ = tarn_tick_ms();
 };
 
 /** What is to be sent. */
@@ -153,6 +164,7 @@ outcome send_once(TARN_RPC rpc, const job &wanted, uint32_t timeout_ms, progress
                   std::string *reason)
 {
     progress state;
+    view.start();
     {
         const transfer_owner transfer(tarn_rpc_file_send_begin(rpc, wanted.path.c_str(),
                                                                wanted.dest.c_str(), 0, timeout_ms,
@@ -197,10 +209,14 @@ bool reconnect(TARN_RPC rpc, uint32_t seconds)
 /** Sends the file, however often the connection breaks. @return a status */
 int send_to_end(const rpc_target &target, TARN_RPC rpc, const job &wanted, progress_view &view)
 {
+    // the last answer comes when the receiver has read the whole file, from a slow disk perhaps
+    constexpr uint64_t slow_bytes_per_ms = 20000;
+    const auto timeout_ms =
+        static_cast<uint32_t>(target.timeout_ms + wanted.size / slow_bytes_per_ms);
     for (;;)
     {
         std::string reason;
-        switch (send_once(rpc, wanted, target.timeout_ms, view, &reason))
+        switch (send_once(rpc, wanted, timeout_ms, view, &reason))
         {
         case outcome::sent:
             view.show(100);

@@ -109,7 +109,7 @@ std::optional<identity> make_identity(const settings &wanted, const std::string 
 class workshop
 {
 public:
-    explicit workshop(const std::string &dir) : path_(dir + "/.tarnctl-XXXXXX")
+    explicit workshop(const std::string &dir) : path_(dir + "/.tarnctl-" + std::string(6, 'X'))
     {
         is_made_ = ::mkdtemp(path_.data()) != nullptr;
     }
