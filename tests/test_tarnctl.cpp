@@ -113,6 +113,7 @@ TEST(Tarnctl, WrongValuesAreNamedWithWhatIsTaken)
         {{"rpc", "call", "local:x", "999"}, {"ID '999'", "a message id, 1000 to 2147483647"}},
         {{"rpc", "call", "local:x", "1000", "--timeout=0"}, {"--timeout=0", "1 to 3600000"}},
         {{"rpc", "call", "local:x", "1000", "--tls-dir"}, {"--tls-dir", "tarnctl tls init"}},
+        {{"rpc", "call", "local:x", "1000", "--tls-dir", "--json"}, {"--tls-dir takes"}},
         {{"rpc", "call", "local:x", "1000", "--tls-dir=x"}, {"--tls-dir", "ADDR:PORT only"}},
         {{"rpc", "call", "local:x", "1000", "--json=1"}, {"--json takes no value"}},
         {{"rpc", "call", "local:x", "1000", "x"}, {"ELEM 'x'", "ID:TYPE=VALUE"}},

@@ -59,7 +59,7 @@ bool arguments::read_option(std::string_view text, std::span<char *const> argv, 
     {
         value = text.data() + equals + 1; // to the end of the argument
     }
-    else if (*place + 1 < argv.size())
+    else if (*place + 1 < argv.size() && !std::string_view(argv[*place + 1]).starts_with("--"))
     {
         value = argv[++*place];
     }

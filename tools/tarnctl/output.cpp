@@ -119,9 +119,14 @@ bool open_output()
 {
     const int fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
     FILE *const stream = fd >= 0 ? ::fdopen(fd, "w") : nullptr;
-    if (stream == nullptr || ::dup2(STDERR_FILENO, STDOUT_FILENO) < 0)
+    if (stream == nullptr)
     {
         return false;
+    }
+    if (::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) // it is closed: then nobody wants to see that
+    {
+        const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        (void)::dup2(nowhere, STDOUT_FILENO);
     }
     (void)std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     results = stream;
