@@ -472,7 +472,11 @@ TEST(GatewaydTls, OnlyPeersOfTheAuthorityAreServed)
         EXPECT_LT(tarn_rpc_msg_send(client.get(), 1, GATEWAYD_MSG_ECHO, nullptr, &answer, 2000),
                   -20);
     }
+    const rpc_test::raw_peer silent[3] = {rpc_test::raw_peer(gateway.at),
+                                          rpc_test::raw_peer(gateway.at),
+                                          rpc_test::raw_peer(gateway.at)};
     EXPECT_EQ(call(gateway.connect(), GATEWAYD_MSG_ECHO).code, 0);
+    expect_orderly_end(gateway.daemon);
 }
 
 TEST(GatewaydTls, DirectoriesThatDoNotFitAreRefused)

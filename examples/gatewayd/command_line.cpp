@@ -5,9 +5,10 @@
 // be told. But that name may stand on the command line or in the configuration file, paths there
 // may be relative, and a mistake in either belongs on the terminal, with an exit status that a
 // script sees. So a first pass only looks: the same options, nothing done but to store their
-// values. With them the configuration file is read and every value tested. Then the layer's parser
-// runs, knowing the name, and of all that can be wrong only a second instance is left, which it
-// reports before it goes to the background.
+// values. With them the configuration file is read and every value tested. Then the short form of
+// the layer's parser, which sees no arguments, takes the instance lock, or reports that another
+// instance has it, and gives the process the instance's name, which its level file has. What is left
+// for the long form is to set the log level and to go to the background.
 
 #include "command_line.h"
 
