@@ -52,6 +52,7 @@ extern "C" dirent *readdir(DIR *stream)
     if (found != nullptr && shown == entries::with_long_name)
     {
         large.entry.d_type = DT_REG;
+        large.entry.d_reclen = sizeof large;
         std::memset(reinterpret_cast<char *>(&large) + offsetof(dirent, d_name), 'n', 1000);
         return &large.entry;
     }
