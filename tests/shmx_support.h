@@ -289,6 +289,11 @@ inline int run_visitor(TARN_SHMX heap, const std::string &task)
     {
         return echo_events(heap);
     }
+    if (task == "await")
+    {
+        const auto *events = static_cast<const uint32_t *>(tarn_shmx_meta_zone(heap));
+        return tarn_shmx_event_wait(heap, events[0], 60000) ? 0 : 5;
+    }
     std::printf("ready %u\n", tarn_shmx_user_id(heap));
     std::fflush(stdout);
     (void)std::getchar();

@@ -262,11 +262,12 @@ TEST_F(Shmx, ThreadsOfTheCreatorShareTheHeap)
     EXPECT_EQ(used_blocks(heap.get(), 0), 0u);
 }
 
-TEST_F(Shmx, GateLetsOneThreadInWhoeverIsFavoured)
+/** Count up inside a gate, by the favoured thread and by others. */
+void use_gate(bool can_barrier)
 {
     const int rounds = support::with_sanitizer ? 2000 : 20000;
     tarn::shmx_gate_words words{};
-    words.can_barrier = tarn::shmx_allow_barrier() ? 1 : 0;
+    words.can_barrier = can_barrier ? 1 : 0;
     int count = 0; // guarded by the gate
     const auto work = [&](bool serves) {
         if (serves)
@@ -279,15 +280,14 @@ TEST_F(Shmx, GateLetsOneThreadInWhoeverIsFavoured)
             ++count;
         }
     };
+    const uint32_t first = can_barrier ? tarn::shmx_thread_id() : tarn::shmx_no_favourite;
     work(false);
-    EXPECT_EQ(words.favoured,
-              words.can_barrier != 0 ? tarn::shmx_thread_id() : tarn::shmx_no_favourite);
+    EXPECT_EQ(words.favoured, first);
     std::thread server(work, true);
     work(false);
     server.join();
     EXPECT_EQ(count, 3 * rounds);
-    EXPECT_EQ(words.favoured,
-              words.can_barrier != 0 ? tarn::shmx_thread_id() : tarn::shmx_no_favourite);
+    EXPECT_EQ(words.favoured, first) << "the request thread takes it from nobody";
     std::thread serving(work, true);
     std::thread other(work, false); // ends the favour under way
     work(false);
@@ -296,6 +296,12 @@ TEST_F(Shmx, GateLetsOneThreadInWhoeverIsFavoured)
     EXPECT_EQ(count, 6 * rounds);
     EXPECT_EQ(words.favoured, tarn::shmx_no_favourite);
     EXPECT_EQ(words.inside + words.taken, 0u);
+}
+
+TEST_F(Shmx, GateLetsOneThreadInWhoeverIsFavoured)
+{
+    use_gate(tarn::shmx_allow_barrier());
+    use_gate(false);
 }
 
 TEST_F(Shmx, FailingAllocationsLeaveNothingBehind)
@@ -896,6 +902,43 @@ TEST_F(Shmx, EventsWakeOtherProcesses)
     EXPECT_TRUE(tarn_shmx_event_destroy(heap.get(), events[0])) << "while the other waits";
     EXPECT_EQ(echo.wait(), 0);
     EXPECT_FALSE(tarn_shmx_event_wait(heap.get(), events[1], 0));
+}
+
+TEST_F(Shmx, OneSetWakesAllProcessesOrOne)
+{
+    const support::level_scope quiet(TARN_LOG_LEVEL_WARN);
+    const heap_owner heap(tarn_shmx_create(name_.c_str(), 1 << 16, 64, 4));
+    auto *events = static_cast<uint32_t *>(tarn_shmx_meta_zone(heap.get()));
+    for (const bool manual : {true, false})
+    {
+        events[0] = tarn_shmx_event_create(heap.get(), manual, false);
+        std::vector<child_process> waiters;
+        for (int i = 0; i < 3; ++i)
+        {
+            waiters.push_back(start_visitor(name_, "await"));
+        }
+        const auto *record = reinterpret_cast<tarn::shmx_event_record *>(
+            static_cast<uint8_t *>(tarn_shmx_offset_to_ptr(heap.get(), events[0] + 28)));
+        EXPECT_TRUE(support::wait_until([&] { return tarn::shmx_load(record->users) == 3; }));
+        for (uint32_t left = manual ? 0 : 2;; --left)
+        {
+            EXPECT_TRUE(tarn_shmx_event_set(heap.get(), events[0]));
+            EXPECT_TRUE(
+                support::wait_until([&] { return tarn::shmx_load(record->users) == left; }));
+            EXPECT_EQ(tarn::shmx_load(record->signalled), manual ? 1 : 0);
+            if (left == 0)
+            {
+                break;
+            }
+            EXPECT_FALSE(
+                support::wait_until([&] { return tarn::shmx_load(record->users) < left; }, 50));
+        }
+        for (child_process &waiter : waiters)
+        {
+            EXPECT_EQ(waiter.wait(), 0) << waiter.read_rest();
+        }
+        EXPECT_TRUE(tarn_shmx_event_destroy(heap.get(), events[0]));
+    }
 }
 
 TEST_F(Shmx, ManualEventsWakeAllAndAutomaticOnesOne)
