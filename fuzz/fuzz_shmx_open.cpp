@@ -102,6 +102,16 @@ void lay_over(const stage &on, uint8_t choice, const uint8_t *data, size_t size)
     }
 }
 
+/** Blocks that overlap an event leave their numbers in its lock word, like those of lay_over(). */
+void free_event_lock(TARN_SHMX heap, uint32_t event)
+{
+    tarn::shmx_block_header *block = tarn::shmx_block_at(heap->view, tarn::block_offset{event});
+    if (block != nullptr && event + sizeof *block + tarn::shmx_event_block_size <= data_size)
+    {
+        reinterpret_cast<tarn::shmx_event_record *>(block + 1)->lock = 0;
+    }
+}
+
 /** What a visitor may do; own blocks only, so that no request has to wait for a creator. */
 void use(TARN_SHMX heap, const uint8_t *data, size_t size)
 {
@@ -122,10 +132,12 @@ void use(TARN_SHMX heap, const uint8_t *data, size_t size)
         {
             (void)tarn_shmx_blk_alloc(heap, data[i] + 1u);
         }
+        free_event_lock(heap, offset);
         (void)tarn_shmx_event_wait(heap, offset, 0);
         (void)tarn_shmx_event_reset(heap, offset);
         (void)tarn_shmx_event_set(heap, offset);
     }
+    free_event_lock(heap, heap->view.first_offset);
     (void)tarn_shmx_event_set(heap, heap->view.first_offset);
     (void)tarn_shmx_event_wait(heap, heap->view.first_offset, 1);
 }

@@ -869,6 +869,21 @@ TEST_F(Shmx, EventsKeepTheirStateAndTime)
         support::elapsed_ms([&] { EXPECT_FALSE(tarn_shmx_event_wait(heap.get(), automatic, 60)); });
     EXPECT_GE(waited, 60.0);
     EXPECT_LT(waited, 10000.0);
+    {
+        // Its lock is held by a thread that does not go on.
+        child_process holder = start_visitor(name_, "hold");
+        ASSERT_TRUE(holder.wait_for_line("ready"));
+        auto *record = reinterpret_cast<tarn::shmx_event_record *>(
+            static_cast<uint8_t *>(tarn_shmx_offset_to_ptr(heap.get(), automatic + 28)));
+        tarn::shmx_store(record->lock, static_cast<uint32_t>(holder.pid()));
+        EXPECT_FALSE(tarn_shmx_event_wait(heap.get(), automatic, 0));
+        EXPECT_FALSE(log.contains("failed to lock mutex"));
+        EXPECT_LT(support::elapsed_ms(
+                      [&] { EXPECT_FALSE(tarn_shmx_event_wait(heap.get(), automatic, 5)); }),
+                  9000.0);
+        EXPECT_TRUE(log.contains("error", "failed to lock mutex, error = [110]("));
+        tarn::shmx_store(record->lock, 0);
+    }
     EXPECT_STREQ(tarn_shmx_event_name(manual), ("TARNSHMXEVT_" + std::to_string(manual)).c_str());
     EXPECT_TRUE(tarn_shmx_event_destroy(heap.get(), manual));
     EXPECT_TRUE(tarn_shmx_event_destroy(heap.get(), automatic));

@@ -25,6 +25,7 @@ namespace
 
 constexpr uint32_t look_again_ms = 1000;
 constexpr uint32_t leave_limit_ms = 3 * look_again_ms;
+constexpr uint32_t shortest_lock_limit_ms = 100;
 constexpr size_t name_size = 128;
 
 thread_local char name_buffer[name_size];
@@ -56,7 +57,8 @@ bool is_event(const shmx_event_record *record)
 class [[nodiscard]] event_guard
 {
 public:
-    explicit event_guard(shmx_event_record *record) : guard_(&record->lock)
+    explicit event_guard(shmx_event_record *record, uint32_t limit_ms = internal_lock_limit_ms)
+        : guard_(&record->lock, limit_ms)
     {
         if (!guard_)
         {
@@ -127,18 +129,29 @@ public:
     /** The next sleep, at most a second; 0: none. */
     [[nodiscard]] uint32_t slice() const
     {
-        if (timeout_ms_ == TARN_INFINITE)
-        {
-            return look_again_ms;
-        }
-        const uint64_t passed_ns = tarn_tick_ns_since(start_);
-        const uint64_t timeout_ns = uint64_t{timeout_ms_} * 1000000;
-        const uint64_t left_ms =
-            passed_ns >= timeout_ns ? 0 : (timeout_ns - passed_ns + 999999) / 1000000;
-        return static_cast<uint32_t>(std::min<uint64_t>(left_ms, look_again_ms));
+        return std::min(left_ms(), look_again_ms);
+    }
+    /** How long to wait for the lock, which is only held for moments: hardly longer than for the
+     *  event, also when its word was overwritten or its holder is stopped. */
+    [[nodiscard]] uint32_t lock_limit() const
+    {
+        return std::clamp(left_ms(), shortest_lock_limit_ms, internal_lock_limit_ms);
     }
 
 private:
+    [[nodiscard]] uint32_t left_ms() const
+    {
+        if (timeout_ms_ == TARN_INFINITE)
+        {
+            return TARN_INFINITE;
+        }
+        const uint64_t passed_ns = tarn_tick_ns_since(start_);
+        const uint64_t timeout_ns = uint64_t{timeout_ms_} * 1000000;
+        return passed_ns >= timeout_ns
+                   ? 0
+                   : static_cast<uint32_t>((timeout_ns - passed_ns + 999999) / 1000000);
+    }
+
     uint64_t start_;
     uint32_t timeout_ms_;
 };
@@ -151,7 +164,7 @@ bool wait_for_flag(shmx_event_record *record, uint32_t timeout_ms)
     {
         uint32_t sequence = 0;
         {
-            const event_guard guard(record);
+            const event_guard guard(record, left.lock_limit());
             if (!guard || !is_event(record))
             {
                 return false;

@@ -212,8 +212,8 @@ inline constexpr uint32_t internal_lock_limit_ms = 10000;
 class [[nodiscard]] shmx_word_guard
 {
 public:
-    explicit shmx_word_guard(uint32_t *word)
-        : word_(word), error_(shmx_lock(word, internal_lock_limit_ms))
+    explicit shmx_word_guard(uint32_t *word, uint32_t limit_ms = internal_lock_limit_ms)
+        : word_(word), error_(shmx_lock(word, limit_ms))
     {
     }
     shmx_word_guard(const shmx_word_guard &) = delete;
