@@ -550,7 +550,10 @@ void child_process::close_input()
 
 void child_process::signal(int sig) const
 {
-    ::kill(pid_, sig);
+    if (pid_ > 0) // once it is collected there is no such process, and -1 means every process
+    {
+        ::kill(pid_, sig);
+    }
 }
 
 int child_process::wait(uint32_t timeout_ms)

@@ -60,6 +60,7 @@ public:
     }
     void expect_orderly_end()
     {
+        ASSERT_GT(pid_, 0); // -1 would be every process
         ::kill(pid_, SIGTERM);
         int status = -1;
         EXPECT_TRUE(

@@ -158,6 +158,7 @@ TEST(Signals, DaemonHandsItsLastLinesToSyslog)
         int threads = 0;
         const std::string ready = child.read_line();
         ASSERT_EQ(std::sscanf(ready.c_str(), "pid %d threads %d", &pid, &threads), 2);
+        ASSERT_GT(pid, 0);
         EXPECT_EQ(::kill(pid, SIGTERM), 0);
         EXPECT_EQ(child.read_line(), "asked");
         for (int i = 0; i < 10; ++i)
