@@ -35,6 +35,7 @@ public:
     instance &operator=(const instance &) = delete;
     ~instance()
     {
+        EXPECT_FALSE(has_heap()) << "left behind";
         (void)::unlink(lock_file().c_str());
         (void)::unlink(level_file().c_str());
     }
@@ -72,20 +73,41 @@ private:
     std::string name_ = support::unique_name("gw");
 };
 
-inline child_process start(std::vector<std::string> arguments,
-                           const std::vector<std::string> &environment = {})
+/** A daemon in the foreground. One that is killed leaves its shared heap behind, so at the end of its
+ *  scope it is asked to go first. */
+class foreground : public child_process
+{
+public:
+    explicit foreground(child_process &&child) noexcept : child_process(std::move(child)) {}
+    foreground(foreground &&) noexcept = default;
+    foreground &operator=(foreground &&) = delete;
+    foreground(const foreground &) = delete;
+    foreground &operator=(const foreground &) = delete;
+    ~foreground()
+    {
+        if (pid() > 0)
+        {
+            signal(SIGTERM);
+            (void)read_rest();
+            (void)wait();
+        }
+    }
+};
+
+inline foreground start(std::vector<std::string> arguments,
+                        const std::vector<std::string> &environment = {})
 {
     arguments.insert(arguments.begin(), program);
-    return child_process::program(arguments, environment);
+    return foreground(child_process::program(arguments, environment));
 }
 
 /** An instance in the foreground that runs, with telemetry that does not disturb.
  *  @param also  lines that it has written then, too; in any order */
-inline child_process start_running(const instance &self, std::vector<std::string> arguments = {},
-                                   std::set<std::string> also = {})
+inline foreground start_running(const instance &self, std::vector<std::string> arguments = {},
+                                std::set<std::string> also = {})
 {
     arguments.insert(arguments.begin(), {self.option(), "--period=3600000"});
-    child_process daemon = start(arguments);
+    foreground daemon = start(arguments);
     also.insert("running");
     std::string line = "first";
     while (!also.empty() && !line.empty())
@@ -134,7 +156,7 @@ struct failure
 
 inline void expect_failure(const failure &row)
 {
-    child_process daemon = start(row.arguments);
+    foreground daemon = start(row.arguments);
     const std::string output = daemon.read_rest();
     const int status = daemon.wait();
     EXPECT_GT(status, 0) << output;

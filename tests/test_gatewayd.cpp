@@ -31,7 +31,7 @@ double next_value(child_process &daemon, const std::string &point)
 TEST(Gatewayd, TelemetryIsLoggedEachPeriodWhenItChanges)
 {
     const instance self;
-    child_process daemon = start({self.option(), "--period", "20"});
+    foreground daemon = start({self.option(), "--period", "20"});
     // From the first line on: the total never changes again, and may come before "running".
     EXPECT_GE(next_value(daemon, "load.15min"), 0);
     const double total = next_value(daemon, "mem.total_kib");
@@ -57,7 +57,7 @@ TEST(Gatewayd, EveryTerminationSignalEndsItInTimeWithStatusZero)
     {
         const instance self;
         // in the middle of a period that is far longer than the time allowed
-        child_process daemon = start({self.option(), "--period=3600000"});
+        foreground daemon = start({self.option(), "--period=3600000"});
         ASSERT_TRUE(daemon.wait_for_line("running"));
         expect_orderly_end(daemon, sig);
         EXPECT_FALSE(self.is_locked());
@@ -68,15 +68,15 @@ TEST(Gatewayd, SecondInstanceOfANameIsRefused)
 {
     const instance self;
     const instance other;
-    child_process daemon = start({self.option()});
+    foreground daemon = start({self.option()});
     ASSERT_TRUE(daemon.wait_for_line("running"));
     expect_failure({{self.option()}, {"an instance is already running", self.name()}});
     expect_failure({{self.option(), "-d"}, {"an instance is already running"}});
-    child_process neighbour = start({other.option()});
+    foreground neighbour = start({other.option()});
     EXPECT_TRUE(neighbour.wait_for_line("running"));
     expect_orderly_end(neighbour, SIGTERM);
     expect_orderly_end(daemon, SIGTERM);
-    child_process successor = start({self.option()});
+    foreground successor = start({self.option()});
     EXPECT_TRUE(successor.wait_for_line("running"));
     expect_orderly_end(successor, SIGTERM);
 }
@@ -152,7 +152,7 @@ TEST(Gatewayd, BadOptionsEndWithAMessage)
 
 TEST(Gatewayd, HelpAndVersionAreNoFailure)
 {
-    child_process help = start({"--help", "-f", "no such file"});
+    foreground help = start({"--help", "-f", "no such file"});
     const std::string text = help.read_rest();
     EXPECT_EQ(help.wait(), 0);
     for (const char *option : {"--name=NAME", "--period=MS", "--rpc-addr=ADDR", "--rpc-port=PORT",
@@ -161,7 +161,7 @@ TEST(Gatewayd, HelpAndVersionAreNoFailure)
     {
         EXPECT_NE(text.find(option), std::string::npos) << text;
     }
-    child_process version = start({"-v"});
+    foreground version = start({"-v"});
     EXPECT_EQ(version.read_line(), "gatewayd " TARN_VERSION_STRING);
     EXPECT_EQ(version.wait(), 0);
     expect_failure({{"--help", "stray"}, {"'stray'"}});
@@ -232,7 +232,7 @@ TEST(Gatewayd, EverySettingOfTheConfigurationIsTaken)
     support::write_file(file, "period = 100\nrpc-addr = ::1\nrpc-port = " + port + "\nlocal = " +
                                   self.name() + "-local\nserial = " + tty.slave_name() +
                                   "\nbaud = 19200\nspool = " + dir.path() + "\nmax-conn = 2\n");
-    child_process daemon = start_running(
+    foreground daemon = start_running(
         self, {"-f", file, "--rpc-addr=127.0.0.1", "--period=200"},
         {"telemetry every 200 ms", "RPC on 127.0.0.1:" + port,
          "RPC on local socket " + self.name() + "-local", "IPC as " + self.name(),
@@ -246,7 +246,7 @@ TEST(Gatewayd, PlacesThatAreTakenEndWithALine)
     const instance self;
     const instance other;
     const std::string port = "--rpc-port=" + std::to_string(support::free_port());
-    child_process first = start_running(self, {port, "--local=" + self.name() + "-local"});
+    foreground first = start_running(self, {port, "--local=" + self.name() + "-local"});
     expect_failure(
         {{other.option(), port}, {"cannot serve RPC on 127.0.0.1", "ended with status 1"}});
     expect_failure({{other.option(), "--local=" + self.name() + "-local"},
@@ -264,12 +264,12 @@ TEST(Gatewayd, ConfigurationIsHonouredAndTheCommandLineWins)
     const std::string file = dir.file("gatewayd.conf");
     support::write_file(file, "# of this test\r\n\r\n  period = 250\r\n\tname\t=\t" + self.name() +
                                   "  # the instance\r\n#period = 1\nperiod=300");
-    child_process daemon = start({"-f", file});
+    foreground daemon = start({"-f", file});
     EXPECT_TRUE(daemon.wait_for_line(self.name() + ": telemetry every 300 ms"));
     ASSERT_TRUE(daemon.wait_for_line("running"));
     EXPECT_TRUE(self.is_locked());
 
-    child_process neighbour = start({other.option(), "-f", file, "--period=50"});
+    foreground neighbour = start({other.option(), "-f", file, "--period=50"});
     EXPECT_TRUE(neighbour.wait_for_line(other.name() + ": telemetry every 50 ms"));
     ASSERT_TRUE(neighbour.wait_for_line("running"));
     EXPECT_TRUE(other.is_locked());

@@ -162,8 +162,8 @@ TEST(GatewaydDaemon, LevelFileSilencesARunningDaemonAndItsSuccessor)
 TEST(GatewaydDaemon, KicksTheWatchdogThatIsThere)
 {
     const instance self;
-    child_process daemon = start({self.option(), "--period=3600000"},
-                                 {"LD_LIBRARY_PATH=" TARN_WATCHPROCESS_DIR "/nothing"});
+    foreground daemon = start({self.option(), "--period=3600000"},
+                              {"LD_LIBRARY_PATH=" TARN_WATCHPROCESS_DIR "/nothing"});
     EXPECT_TRUE(daemon.wait_for_line("register 30"));
     EXPECT_TRUE(daemon.wait_for_line("strobe"));
     EXPECT_TRUE(daemon.wait_for_line("strobe"));

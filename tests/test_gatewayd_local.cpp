@@ -137,7 +137,7 @@ private:
 
 TEST_F(GatewaydLocal, IpcSetsGetsAndListsPoints)
 {
-    child_process daemon = start_running(self_);
+    foreground daemon = start_running(self_);
     ipc_client client(self_);
     EXPECT_EQ(client.call(GATEWAYD_FUNC_SET, named_value("tank/level", 2.5)).code, 0);
     for (const bool with_nul : {true, false})
@@ -169,7 +169,7 @@ TEST_F(GatewaydLocal, IpcSetsGetsAndListsPoints)
 
 TEST_F(GatewaydLocal, IpcEchoesAndTellsWrongCalls)
 {
-    child_process daemon = start_running(self_);
+    foreground daemon = start_running(self_);
     ipc_client client(self_);
     const answer echoed = client.call(
         GATEWAYD_FUNC_ECHO, both(text("x", false), number(TARN_DATA_TYPE_INT16, int16_t{-7})));
@@ -199,7 +199,7 @@ TEST_F(GatewaydLocal, IpcEchoesAndTellsWrongCalls)
 
 TEST_F(GatewaydLocal, HeapShowsPointsWhileTheyChange)
 {
-    child_process daemon = start_running(self_);
+    foreground daemon = start_running(self_);
     ipc_client client(self_);
     const reader heap(self_);
     EXPECT_EQ(heap.view.meta->pid, static_cast<uint32_t>(daemon.pid()));
@@ -249,7 +249,7 @@ TEST_F(GatewaydLocal, HeapShowsPointsWhileTheyChange)
 
 TEST_F(GatewaydLocal, TelemetryIsSampledAtMultiplesOfItsPeriod)
 {
-    child_process daemon = start({self_.option(), "--period=250", "--log-level=WARN"});
+    foreground daemon = start({self_.option(), "--period=250", "--log-level=WARN"});
     TARN_SHMX heap = nullptr;
     const tarn::scope_exit close_heap([&] { tarn_shmx_destroy(heap); });
     ASSERT_TRUE(support::wait_until(
@@ -286,7 +286,7 @@ TEST_F(GatewaydLocal, TelemetryIsSampledAtMultiplesOfItsPeriod)
 
 TEST_F(GatewaydLocal, HeapThatWasScribbledOnHarmsNeitherSide)
 {
-    child_process daemon = start_running(self_);
+    foreground daemon = start_running(self_);
     ipc_client client(self_);
     const reader heap(self_);
     auto *const meta = const_cast<gatewayd_heap_meta *>(heap.view.meta);
@@ -331,11 +331,11 @@ TEST_F(GatewaydLocal, HeapThatWasScribbledOnHarmsNeitherSide)
 TEST_F(GatewaydLocal, SuccessorOfAKilledDaemonMakesANewHeap)
 {
     {
-        child_process daemon = start_running(self_);
+        foreground daemon = start_running(self_);
         daemon.signal(SIGKILL);
         EXPECT_EQ(daemon.wait(), -SIGKILL);
     }
-    child_process successor = start_running(self_);
+    foreground successor = start_running(self_);
     const reader heap(self_);
     EXPECT_EQ(heap.view.meta->pid, static_cast<uint32_t>(successor.pid()));
     expect_orderly_end(successor);
@@ -344,7 +344,7 @@ TEST_F(GatewaydLocal, SuccessorOfAKilledDaemonMakesANewHeap)
 TEST_F(GatewaydLocal, SerialLinesBecomePoints)
 {
     support::serial_pty tty;
-    child_process daemon =
+    foreground daemon =
         start_running(self_, {"--serial=" + tty.slave_name(), "--baud=9600"},
                       {"reading points from " + tty.slave_name() + " at 9600 baud"});
     const reader heap(self_);
@@ -382,7 +382,7 @@ TEST_F(GatewaydLocal, SerialPortThatHangsUpIsOpenedAgain)
     const support::temp_dir dir;
     const std::string link = dir.file("tty");
     ASSERT_EQ(::symlink(tty->slave_name().c_str(), link.c_str()), 0);
-    child_process daemon = start_running(self_, {"--serial=" + link}, {"reading points from"});
+    foreground daemon = start_running(self_, {"--serial=" + link}, {"reading points from"});
     const reader heap(self_);
     tty->close_master();
     ASSERT_TRUE(daemon.wait_for_line("is lost", 60000));

@@ -91,7 +91,7 @@ struct served
     instance self;
     tls_directory credentials;
     transport at;
-    child_process daemon;
+    foreground daemon;
 };
 
 /** A request in the making. */
