@@ -252,14 +252,22 @@ TARN_CONN conn_accept(conn_link *listener, uint32_t timeout_ms)
 
 bool tarn_conn_init(void)
 {
-    table = {};
 #if defined(TARN_WITH_TLS)
-    table.size = sizeof table;
-    const int rc = tlsu_if_get(&table);
-    if (rc != 0)
+    // Once: the table never changes, and a thread that was told to go before the last teardown may
+    // be closing its session still.
+    if (table.size == 0)
     {
-        TARN_LOG_ERROR("tlsu_if_get failed, rc = [%d]", rc);
-        table = {};
+        tlsu_if filled = {};
+        filled.size = sizeof filled;
+        const int rc = tlsu_if_get(&filled);
+        if (rc == 0)
+        {
+            table = filled;
+        }
+        else
+        {
+            TARN_LOG_ERROR("tlsu_if_get failed, rc = [%d]", rc);
+        }
     }
 #endif
     return true; // without a table only TLS connections fail
