@@ -245,7 +245,8 @@ int read_tls(conn_link *link, void *buffer, int size, uint32_t timeout_ms)
 /** Read from a socket; a signal handler that ran is no failure. */
 int read_plain(conn_link *link, void *buffer, int size, uint32_t timeout_ms)
 {
-    const int n = tarn_socket_recv(link->sock, buffer, static_cast<size_t>(size), timeout_ms);
+    const int n =
+        tarn::socket_receive_alone(link->sock, buffer, static_cast<size_t>(size), timeout_ms);
     return n < 0 && errno == EINTR ? 0 : n;
 }
 

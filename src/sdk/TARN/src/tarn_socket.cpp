@@ -149,6 +149,35 @@ int receive_stream(TARN_SOCKET p, void *buf, size_t size, uint32_t timeout_ms)
     return result;
 }
 
+/** Below this the system's own limit is too coarse. */
+constexpr uint32_t shortest_receive_limit_ms = 100;
+
+/** Have the system keep a time limit for receives. @return false when it cannot */
+bool limit_receives(TARN_SOCKET p, uint32_t limit_ms)
+{
+    if (p->receive_limit_ms != limit_ms)
+    {
+        if (os::set_receive_limit(p->handle, limit_ms) != 0)
+        {
+            return false;
+        }
+        p->receive_limit_ms = limit_ms;
+    }
+    return true;
+}
+
+/** What tarn_socket_recv() returns for the result of a receive. */
+int result_of_receive(int result)
+{
+    if (result == 0)
+    {
+        // The system leaves errno alone here; a stale EAGAIN would look like a time-out.
+        errno = ECONNRESET;
+        return -1;
+    }
+    return result == tarn::receive_timed_out ? 0 : result;
+}
+
 /** @return false at an error or the limit, with errno and what went out until then */
 bool send_all(TARN_SOCKET p, std::span<const tarn::send_part> parts, const tarn::deadline &limit,
               size_t &sent)
@@ -262,6 +291,29 @@ int socket_receive(TARN_SOCKET p, void *buf, size_t size, uint32_t timeout_ms)
     RVOF(p->handle != INVALID_SOCKET, -1);
     RVON(buf, -1);
     return receive_stream(p, buf, size, timeout_ms);
+}
+
+int socket_receive_alone(TARN_SOCKET p, void *buf, size_t size, uint32_t timeout_ms)
+{
+    RVON(p, -1);
+    RVOF(p->handle != INVALID_SOCKET, -1);
+    RVON(buf, -1);
+    const bool infinite = timeout_ms == TARN_INFINITE;
+    const bool by_system = infinite || timeout_ms >= shortest_receive_limit_ms;
+    if (!by_system || !limit_receives(p, infinite ? 0 : timeout_ms))
+    {
+        return result_of_receive(receive_stream(p, buf, size, timeout_ms));
+    }
+    const deadline limit(timeout_ms);
+    const auto n = static_cast<int>(os::receive(p->handle, buf, size, os::transfer::block));
+    if (n < 0 && errno == EAGAIN)
+    {
+        // The system's ticks may end it early.
+        const auto left_ms = static_cast<uint32_t>((limit.left_ns() + 999999) / 1000000);
+        return result_of_receive(receive_stream(p, buf, size, left_ms));
+    }
+    log_transfer(p, "recv", "[RX]", buf, n);
+    return result_of_receive(n);
 }
 
 socket_owner socket_accept(TARN_SOCKET p, socket_address &peer, uint32_t timeout_ms)
@@ -502,14 +554,7 @@ int tarn_socket_recv(TARN_SOCKET p, void *buf, size_t size, uint32_t timeout_ms)
     RVON(p, -1);
     RVOF(p->handle != INVALID_SOCKET, -1);
     RVON(buf, -1);
-    const int result = receive_stream(p, buf, size, timeout_ms);
-    if (result == 0)
-    {
-        // The system leaves errno alone here; a stale EAGAIN would look like a time-out.
-        errno = ECONNRESET;
-        return -1;
-    }
-    return result == tarn::receive_timed_out ? 0 : result;
+    return result_of_receive(receive_stream(p, buf, size, timeout_ms));
 }
 
 int tarn_socket_recvfrom(TARN_SOCKET p, void *buf, size_t size, uint32_t *ip, uint16_t *port,

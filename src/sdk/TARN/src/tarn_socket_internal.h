@@ -20,6 +20,7 @@ struct tarn_socket
     /** 1 once shut down; atomic. A shutdown that comes before the system's connect does not end
      *  that connect: the connecting thread looks here afterwards. */
     uint32_t shut_down;
+    uint32_t receive_limit_ms; ///< that the system keeps by itself, 0: none; of the only reader
 };
 TARN_ASSERT_RECORD(tarn_socket);
 
@@ -61,6 +62,10 @@ inline constexpr int receive_timed_out = -2;
  *  @param timeout_ms  0 counts as 1; without limit EINTR surfaces
  *  @return bytes; 0 when the peer has closed; -1 on failure, with errno; receive_timed_out. */
 int socket_receive(TARN_SOCKET p, void *buf, size_t size, uint32_t timeout_ms);
+
+/** tarn_socket_recv() of a stream that nobody else reads: the system waits inside the call, which
+ *  spares the two calls that look and wait. */
+int socket_receive_alone(TARN_SOCKET p, void *buf, size_t size, uint32_t timeout_ms);
 
 /** Send several spans as one: in one system call as far as the kernel takes them, so that they
  *  share segments and no peer waits for a delayed acknowledgement. Goes on after a short count or

@@ -167,6 +167,9 @@ enum class transfer
 };
 /** @return bytes; 0 at the end of the stream. */
 ptrdiff_t receive(int fd, void *buf, size_t size, transfer mode);
+/** Let receives that block give up (EAGAIN) after a time, kept to a tick of the system's timer, which
+ *  may be 10 ms; 0: never. */
+int set_receive_limit(int fd, uint32_t ms);
 /** The sender's address is left empty when there is none. */
 ptrdiff_t receive_from(int fd, void *buf, size_t size, socket_address &from, transfer mode);
 /** Sending to a peer that closed fails with EPIPE, without a signal. */

@@ -392,6 +392,14 @@ ptrdiff_t receive(int fd, void *buf, size_t size, transfer mode)
     return ::recv(fd, buf, size, flags_of(mode));
 }
 
+int set_receive_limit(int fd, uint32_t ms)
+{
+    timeval limit{};
+    limit.tv_sec = static_cast<time_t>(ms / 1000);
+    limit.tv_usec = static_cast<suseconds_t>(ms % 1000 * 1000);
+    return ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+}
+
 ptrdiff_t receive_from(int fd, void *buf, size_t size, socket_address &from, transfer mode)
 {
     return with_output(from, [&](sockaddr *address, socklen_t *length) {
