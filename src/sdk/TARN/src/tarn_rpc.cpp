@@ -31,6 +31,7 @@ void free_record(TARN_RPC rpc)
         tarn::conn_unref(rpc->cli_h);
     }
     tarn::rpc_rx_free(rpc);
+    tarn::rpc_free_waiters(rpc);
     tarn_hash_destroy(rpc->pending);
     tarn_hash_destroy(rpc->receivers);
     tarn_hash_destroy(rpc->conn_table);
@@ -106,7 +107,9 @@ void *rpc_conn_proc(void *arg, void *)
         (void)tarn_thread_sleep(1);
         return nullptr;
     }
-    const tarn::scope_exit give([&] { tarn::rpc_pump_give(rpc, false); });
+    // A callback may have stopped this thread: senders that wait run the turns from then on.
+    const tarn::scope_exit give(
+        [&] { tarn::rpc_pump_give(rpc, tarn::rpc_thread(rpc) == TARN_INVALID_HANDLE); });
     tarn::rpc_conn_turn(rpc, tarn::rpc_read_ms, nullptr);
     return nullptr;
 }

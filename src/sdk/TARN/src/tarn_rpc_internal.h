@@ -24,6 +24,7 @@
 #include "tarn_hash.h"
 #include "tarn_raii.h"
 #include "tarn_rpc_msg_internal.h"
+#include "tarn_rpc_port.h"
 #include "tarn_thread.h"
 
 #include <span>
@@ -52,9 +53,17 @@ struct rpc_pending
     uint32_t msg_id;
     int32_t reply_code;
     TARN_RPC_MSG reply; ///< until the sender takes it
-    TARN_EVENT event;
-    bool done;        ///< atomic; set under the lock
-    const bool *stop; ///< atomic; ends the wait; null: nothing does
+    rpc_signal *signal; ///< of its waiter
+    bool done;          ///< atomic; set under the lock
+    const bool *stop;   ///< atomic; ends the wait; null: nothing does
+};
+
+/** What a sender waits on. It may be set late, when its sender has gone and another one has it: so it
+ *  is kept for the next until the object goes, and whoever wakes looks whether there is a reason. */
+struct rpc_waiter
+{
+    rpc_waiter *next;
+    rpc_signal *signal;
 };
 
 /** A request that waits for the turns above it to end. */
@@ -119,12 +128,13 @@ struct tarn_rpc
     uint32_t last_activity; ///< tick, atomic; 0: never
     uint32_t last_attempt;  ///< tick of a client's last connect; of the pump
     TARN_CRITICAL_SECTION lock;
-    TARN_HASH pending;     ///< tarn::rpc_pending by seq_no
-    tarn::conn_link *line; ///< with a reference; null while the connection is down
-    uint32_t generation;   ///< of the line
-    bool pumping;          ///< somebody runs turns
-    uint8_t destroyed;     ///< atomic; set under lock
-    uint8_t reported;      ///< atomic; server connection: its end was reported
+    TARN_HASH pending;         ///< tarn::rpc_pending by seq_no
+    tarn::rpc_waiter *waiters; ///< that nobody uses just now; under lock
+    tarn::conn_link *line;     ///< with a reference; null while the connection is down
+    uint32_t generation;       ///< of the line
+    bool pumping;              ///< somebody runs turns
+    uint8_t destroyed;         ///< atomic; set under lock
+    uint8_t reported;          ///< atomic; server connection: its end was reported
     uint8_t detached;     ///< server connection that was turned away: the connection is not its own
     uint8_t broken_shown; ///< of the pump
     TARN_CRITICAL_SECTION send_cs;
@@ -211,7 +221,8 @@ void rpc_pump_give(TARN_RPC rpc, bool hand_over);
 /* ---- tarn_rpc_send.cpp -------------------------------------------------------------------------- */
 
 /** Write a frame.
- *  @param data  may be null
+ *  @param data        may be empty
+ *  @param timeout_ms  of each 64 KiB of it
  *  @return bytes written; negative, with the failing part logged and errno kept */
 int64_t rpc_send_frame(TARN_RPC rpc, conn_link *line, uint32_t seq_no, uint32_t msg_id,
                        uint32_t rsp_flag_or_code, std::span<const uint8_t> data,
@@ -224,6 +235,9 @@ int rpc_msg_send_until(TARN_RPC rpc, uint32_t seq_no, uint32_t msg_id, TARN_RPC_
 
 /** Hand a reply to the request that waits for it; takes the message over. */
 void rpc_complete(TARN_RPC rpc, const rpc_frame_fields &fields, TARN_RPC_MSG msg);
+
+/** Free the waiters, of which none is in use any more. */
+void rpc_free_waiters(TARN_RPC rpc);
 
 /** Under the lock: wake one request that waits, or all, or let all fail. */
 void rpc_wake_next(TARN_RPC rpc);

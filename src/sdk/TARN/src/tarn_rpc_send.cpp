@@ -26,6 +26,9 @@ using tarn::rpc_pin;
 
 constexpr uint32_t frame_magic = 0x54725043; ///< "TrPC"
 
+/** Data of one write. The time limit is on each, so that a line is not dead for being slow. */
+constexpr size_t send_piece = 65536;
+
 // ---- frames -----------------------------------------------------------------------------------------
 
 /** Say which part of a frame did not go out, by the count of bytes that did. */
@@ -62,6 +65,31 @@ void log_send_failure(TARN_RPC rpc, int64_t written, uint32_t data_len, int erro
     }
 }
 
+/** Write header and data; what fits into one piece leaves together.
+ *  @return bytes written; negative when none were */
+int64_t write_frame(TARN_RPC rpc, conn_link *line, std::span<const uint8_t> header,
+                    std::span<const uint8_t> data, uint32_t timeout_ms)
+{
+    int64_t written = 0;
+    do
+    {
+        const auto piece = data.first(std::min(data.size(), send_piece));
+        const tarn::send_part parts[] = {{header.data(), header.size()},
+                                         {piece.data(), piece.size()}};
+        const auto size = static_cast<int64_t>(header.size() + piece.size());
+        const int64_t n = tarn::conn_write_link_parts(rpc->cli_h, line,
+                                                      {parts, piece.empty() ? 1u : 2u}, timeout_ms);
+        if (n != size)
+        {
+            return written != 0 ? written + std::max<int64_t>(n, 0) : n;
+        }
+        written += n;
+        header = {};
+        data = data.subspan(piece.size());
+    } while (!data.empty());
+    return written;
+}
+
 // ---- requests -----------------------------------------------------------------------------------------
 
 bool is_waiting(const void *, void *value, void *, void *)
@@ -71,7 +99,7 @@ bool is_waiting(const void *, void *value, void *, void *)
 
 void wake_pending(uint32_t, const void *, void *value, void *, void *)
 {
-    (void)tarn_event_set(static_cast<rpc_pending *>(value)->event);
+    tarn::rpc_signal_set(static_cast<rpc_pending *>(value)->signal);
 }
 
 void fail_pending(uint32_t, const void *, void *value, void *, void *)
@@ -81,8 +109,31 @@ void fail_pending(uint32_t, const void *, void *value, void *, void *)
     {
         request->reply_code = TARN_ERRLN;
         __atomic_store_n(&request->done, true, __ATOMIC_RELEASE);
-        (void)tarn_event_set(request->event);
+        tarn::rpc_signal_set(request->signal);
     }
+}
+
+/** A waiter for a new request; null when memory ran out. */
+tarn::rpc_waiter *take_waiter(TARN_RPC rpc)
+{
+    {
+        const critical_section_guard guard(rpc->lock);
+        if (rpc->waiters != nullptr)
+        {
+            return std::exchange(rpc->waiters, rpc->waiters->next);
+        }
+    }
+    auto waiter = tarn::unique_mem<tarn::rpc_waiter>::make();
+    RVON(waiter, NULL);
+    waiter->signal = tarn::rpc_signal_create();
+    RVON(waiter->signal, NULL);
+    return waiter.release();
+}
+
+void give_waiter(TARN_RPC rpc, tarn::rpc_waiter *waiter)
+{
+    const critical_section_guard guard(rpc->lock);
+    waiter->next = std::exchange(rpc->waiters, waiter);
 }
 
 /** Put a request into the table, if its line still stands and no other waits under its number. */
@@ -121,7 +172,7 @@ uint32_t time_left(uint32_t start, uint32_t timeout_ms)
     return passed < timeout_ms ? timeout_ms - passed : 0;
 }
 
-/** One step of a wait for a reply: a turn, when this thread is to run them, else a wait on the event;
+/** One step of a wait for a reply: a turn, when this thread is to run them, else a wait for its signal;
  *  both end early when the request is done. */
 void wait_step(TARN_RPC rpc, rpc_pending &request, uint32_t left_ms)
 {
@@ -141,7 +192,7 @@ void wait_step(TARN_RPC rpc, rpc_pending &request, uint32_t left_ms)
     }
     else
     {
-        (void)tarn_event_wait(request.event, left_ms);
+        tarn::rpc_signal_wait(request.signal, left_ms);
     }
 }
 
@@ -243,10 +294,10 @@ int exchange_request(TARN_RPC rpc, conn_link *line, rpc_pending &request, TARN_R
 int send_and_wait(TARN_RPC rpc, conn_link *line, rpc_pending &request, TARN_RPC_MSG msg,
                   TARN_RPC_MSG *rsp_msg, uint32_t timeout_ms)
 {
-    const tarn::unique_handle<TARN_EVENT, tarn_event_destroy> event(
-        tarn_event_create(false, false));
-    RVON(event, TARN_ERRLN);
-    request.event = event.get();
+    tarn::rpc_waiter *const waiter = take_waiter(rpc);
+    RVON(waiter, TARN_ERRLN);
+    const tarn::scope_exit give([&] { give_waiter(rpc, waiter); });
+    request.signal = waiter->signal;
     const tarn::scope_exit unclaimed([&] {
         if (request.reply != nullptr)
         {
@@ -287,13 +338,11 @@ int64_t rpc_send_frame(TARN_RPC rpc, conn_link *line, uint32_t seq_no, uint32_t 
     TARN_LOG_DEBUG("[%s] send msg seq_no = [%u], id = [0x%x], msg_len = [%u], "
                    "rsp_flag_or_code = [0x%x]",
                    rpc_name(rpc), seq_no, msg_id, msg_len, rsp_flag_or_code);
-    const send_part parts[] = {{header, sizeof header}, {data.data(), data.size()}};
     int64_t written = 0;
     int error = 0;
     {
         const critical_section_guard guard(rpc->send_cs);
-        written =
-            conn_write_link_parts(rpc->cli_h, line, {parts, data.empty() ? 1u : 2u}, timeout_ms);
+        written = write_frame(rpc, line, header, data, timeout_ms);
         error = errno;
     }
     if (written != static_cast<int64_t>(sizeof header + data.size()))
@@ -313,28 +362,29 @@ void rpc_complete(TARN_RPC rpc, const rpc_frame_fields &fields, TARN_RPC_MSG msg
 {
     unique_rpc_msg reply(msg);
     void *found = nullptr;
-    bool taken = false;
+    rpc_signal *signal = nullptr;
     {
         const critical_section_guard guard(rpc->lock);
         if (tarn_hash_find_ex(rpc->pending, &fields.seq_no, sizeof fields.seq_no, &found))
         {
             auto *const request = static_cast<rpc_pending *>(found);
             // The answer to a keep-alive has number 0 too, and a peer may answer twice.
-            taken = request->msg_id == fields.msg_id && !request->done;
-            if (taken)
+            if (request->msg_id == fields.msg_id && !request->done)
             {
                 request->reply = reply.release();
                 request->reply_code = static_cast<int32_t>(fields.rsp_flag_or_code);
+                signal = request->signal;
                 __atomic_store_n(&request->done, true, __ATOMIC_RELEASE);
-                (void)tarn_event_set(request->event);
             }
         }
     }
     TARN_LOG_DEBUG("[%s] this is a reply message, find pending request = [%p]", rpc_name(rpc),
                    found);
-    if (taken)
+    if (signal != nullptr)
     {
         TARN_LOG_DEBUG("[%s] set event to rsp with seq_no [%u]", rpc_name(rpc), fields.seq_no);
+        // Not under the lock, which the sender that wakes wants to have at once.
+        rpc_signal_set(signal);
     }
     else
     {
@@ -368,7 +418,7 @@ int rpc_msg_send_until(TARN_RPC rpc_h, uint32_t seq_no, uint32_t msg_id, TARN_RP
                            .msg_id = msg_id & ~rpc_reply_bit,
                            .reply_code = 0,
                            .reply = nullptr,
-                           .event = nullptr,
+                           .signal = nullptr,
                            .done = false,
                            .stop = stop};
     if (rsp_msg == nullptr)
@@ -384,6 +434,15 @@ int rpc_msg_send_until(TARN_RPC rpc_h, uint32_t seq_no, uint32_t msg_id, TARN_RP
     return send_and_wait(rpc_h, line.get(), request, msg, rsp_msg, timeout_ms);
 }
 
+void rpc_free_waiters(TARN_RPC rpc)
+{
+    while (rpc->waiters != nullptr)
+    {
+        const unique_mem<rpc_waiter> waiter(std::exchange(rpc->waiters, rpc->waiters->next));
+        rpc_signal_destroy(waiter->signal);
+    }
+}
+
 // ---- table, under the lock --------------------------------------------------------------------------
 
 void rpc_wake_next(TARN_RPC rpc)
@@ -391,7 +450,7 @@ void rpc_wake_next(TARN_RPC rpc)
     if (auto *const next = static_cast<rpc_pending *>(
             tarn_hash_find_if(rpc->pending, is_waiting, nullptr, nullptr)))
     {
-        (void)tarn_event_set(next->event);
+        rpc_signal_set(next->signal);
     }
 }
 
