@@ -45,10 +45,10 @@ enum
 typedef struct tarn_rpc_file_send *TARN_RPC_FILE_SEND;
 
 /** Progress of a sender, on its thread: after each block, and once more at the end.
- *  @param percent  of the file that the receiver has
+ *  @param percent  of the file that the receiver says it has
  *  @param error    at the end: null on success, else what went wrong, static text; null before. The
  *                  last call is the one that either has an error text or follows the call with 100
- *                  percent
+ *                  percent (a receiver of this layer never leaves that one out)
  *  It may destroy the transfer. */
 typedef void (*tarn_rpc_file_on_progress)(TARN_RPC_FILE_SEND handle, uint32_t percent,
                                           const char *error, void *context);
@@ -67,7 +67,7 @@ typedef int (*tarn_rpc_on_file_recv_begin)(const char *file_name, uint32_t file_
 /** A block was written. */
 typedef void (*tarn_rpc_on_file_recv_progress)(uint32_t percent, void *context);
 
-/** A transfer ended, the file is whole. */
+/** A transfer ended, the file is whole. Until it returns no other transfer can write there. */
 typedef void (*tarn_rpc_on_file_recv_end)(void *context);
 
 /** Set what is asked and told of files that peers send; all may be null (without the first, files

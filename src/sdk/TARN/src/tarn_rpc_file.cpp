@@ -72,10 +72,11 @@ bool is_stopping(TARN_RPC_FILE_SEND fs)
 
 void report(TARN_RPC_FILE_SEND fs, const char *error)
 {
+    // As the receiver counts: more than 100 when it has more than was sent.
     const uint64_t percent = uint64_t{fs->write_size} * 100 / fs->file_size;
     if (fs->on_progress != nullptr)
     {
-        fs->on_progress(fs, static_cast<uint32_t>(std::min<uint64_t>(percent, 100)), error,
+        fs->on_progress(fs, static_cast<uint32_t>(std::min<uint64_t>(percent, UINT32_MAX)), error,
                         fs->context);
     }
 }
@@ -201,9 +202,9 @@ const char *exchange_block(TARN_RPC_FILE_SEND fs, const uint8_t *block, uint32_t
 const char *send_blocks(TARN_RPC_FILE_SEND fs, uint64_t &sent)
 {
     sent = fs->start_pos;
-    if (sent >= fs->file_size)
+    if (sent > fs->file_size)
     {
-        return failed("failed to send file");
+        return failed("failed to send file"); // the receiver does not know what it is talking about
     }
     const auto size =
         static_cast<uint32_t>(std::min<uint64_t>(fs->block_size, fs->file_size - sent));

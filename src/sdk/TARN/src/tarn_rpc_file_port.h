@@ -18,6 +18,10 @@ namespace tarn
  *  @return descriptor, or -1: EWOULDBLOCK when it is locked, EINVAL when it is no regular file */
 int rpc_file_open_destination(const char *path);
 
+/** Another descriptor of an open destination, which keeps it locked when that one is closed; -1 when
+ *  there is none to be had. */
+int rpc_file_keep_lock(int fd);
+
 /** Cut to a size, or lengthen with zeros. @return 0, or -1 */
 int rpc_file_truncate(int fd, uint64_t size);
 

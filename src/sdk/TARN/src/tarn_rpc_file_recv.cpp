@@ -47,7 +47,8 @@ struct rpc_receiver
     uint32_t blocks;
     uint64_t written; ///< bytes of this run
     uint32_t start_pos;
-    int fd; ///< -1 once closed
+    int fd;      ///< -1 once closed
+    int lock_fd; ///< keeps the lock from END on, while the file is looked at; -1: none
     uint32_t percent;
     uint32_t last_tick;
     uint64_t token;
@@ -125,7 +126,9 @@ broken_transfer *take_oldest() TARN_REQUIRES(broken.lock)
 
 void remember(const rpc_receiver &receiver)
 {
-    if (receiver.whole || total(receiver) == 0 || total(receiver) >= receiver.file_size)
+    // At least one byte is left to be sent: its sender shall see a block that makes the file whole.
+    const uint64_t written = std::min<uint64_t>(total(receiver), receiver.file_size - 1);
+    if (receiver.whole || written == 0 || total(receiver) > receiver.file_size)
     {
         return;
     }
@@ -139,7 +142,7 @@ void remember(const rpc_receiver &receiver)
     entry->path = path;
     tarn_mem_copy(entry->md5_sum, receiver.md5_sum, sizeof entry->md5_sum);
     entry->file_size = receiver.file_size;
-    entry->written = static_cast<uint32_t>(total(receiver));
+    entry->written = static_cast<uint32_t>(written);
     broken_transfer *older = nullptr;
     broken_transfer *surplus = nullptr;
     {
@@ -181,6 +184,7 @@ void tarn_rpc_file_recv_destroy(rpc_receiver *receiver)
         close_fd(receiver->fd);
         remember(*receiver);
     }
+    close_fd(receiver->lock_fd);
     tarn_mem_free(receiver->path);
     tarn_mem_free(receiver);
 }
@@ -229,6 +233,7 @@ rpc_receiver *tarn_rpc_file_recv_create(const char *path, const char *md5_sum, u
     auto receiver = unique_mem<rpc_receiver>::make();
     RVON(receiver, NULL);
     receiver->fd = -1;
+    receiver->lock_fd = -1;
     receiver->path = tarn_str_dup(path);
     receiver->token = rpc_random_token();
     if (receiver->path == nullptr || receiver->token == 0)
@@ -573,6 +578,7 @@ int check_file(rpc_receiver &receiver)
         TARN_LOG_WARN("write_size [%u] != file_size [%u]", shown_total(receiver),
                       receiver.file_size);
     }
+    receiver.lock_fd = rpc_file_keep_lock(receiver.fd);
     if (!file_close_written(std::exchange(receiver.fd, -1)))
     {
         TARN_LOG_ERROR("failed to write file, error = [%d]", errno);

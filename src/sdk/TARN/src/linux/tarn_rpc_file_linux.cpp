@@ -53,6 +53,11 @@ int rpc_file_open_destination(const char *path)
     return fd.release();
 }
 
+int rpc_file_keep_lock(int fd)
+{
+    return ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+}
+
 int rpc_file_truncate(int fd, uint64_t size)
 {
     return retry_eintr([&] { return ::ftruncate(fd, static_cast<off_t>(size)); });
