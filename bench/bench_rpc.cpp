@@ -356,18 +356,29 @@ void bare_local(benchmark::State &state)
 }
 BENCHMARK(bare_local)->Arg(64)->Arg(4096)->UseRealTime();
 
-/** A client that is up. */
-TARN_RPC connect_rpc(bool tcp)
+/** A client that is up.
+ *  @param with_thread  its loop has a thread; else who sends runs the turns */
+TARN_RPC connect_rpc(bool tcp, bool with_thread = true)
 {
     TARN_RPC rpc = nullptr;
     const std::string addr = tcp ? "127.0.0.1" : local_name("_rpc");
     const std::string port = std::to_string(there.rpc_port);
     (void)tarn_rpc_client_create(nullptr, nullptr, nullptr, addr.c_str(),
                                  tcp ? port.c_str() : nullptr, 5000, nullptr, nullptr, &rpc);
-    (void)tarn_rpc_loop_start(rpc);
+    if (with_thread)
+    {
+        (void)tarn_rpc_loop_start(rpc);
+    }
     while (!tarn_rpc_is_connected(rpc))
     {
-        tarn_sleep_ms(1);
+        if (with_thread)
+        {
+            tarn_sleep_ms(1);
+        }
+        else
+        {
+            (void)tarn_rpc_loop(rpc);
+        }
     }
     return rpc;
 }
@@ -461,14 +472,26 @@ void bare_clients(benchmark::State &state)
 }
 BENCHMARK(bare_clients)->UseRealTime();
 
-void rpc_clients(benchmark::State &state)
+void many_rpc(benchmark::State &state, bool with_thread)
 {
     const std::vector<char> bytes(64, 'p');
     many<TARN_RPC>(
-        state, [] { return connect_rpc(true); },
+        state, [with_thread] { return connect_rpc(true, with_thread); },
         [&bytes](TARN_RPC rpc) { (void)call(rpc, 1, bytes); }, tarn_rpc_destroy);
 }
+
+void rpc_clients(benchmark::State &state)
+{
+    many_rpc(state, true);
+}
 BENCHMARK(rpc_clients)->UseRealTime();
+
+/** One thread per client, as the bare ones have. */
+void rpc_clients_of_one_thread(benchmark::State &state)
+{
+    many_rpc(state, false);
+}
+BENCHMARK(rpc_clients_of_one_thread)->UseRealTime();
 
 // ---- a file ---------------------------------------------------------------------------------------------
 
@@ -567,6 +590,8 @@ int main(int argc, char **argv)
                     {"request and reply, 64 B, local", "rpc_local/64", "bare_local/64", 2.0},
                     {"request and reply, 4 KiB, local", "rpc_local/4096", "bare_local/4096", 2.0},
                     {"64 clients, 64 B, TCP", "rpc_clients", "bare_clients", 1.43},
+                    {"64 clients without loop threads, 64 B, TCP", "rpc_clients_of_one_thread",
+                     "bare_clients", 1.43},
                     {"file of 64 MiB and its digests", "rpc_file", "bare_file", 2.0}});
     for (const char *what : {"_source", "_bare", "_rpc"})
     {

@@ -202,35 +202,6 @@ TEST_P(Rpc, TimeoutClosesTheLineAndTheClientComesBack)
     EXPECT_EQ(call(client.get(), 1, "x").text, "x");
 }
 
-TEST_P(Rpc, TimeoutRacesWithTheReply)
-{
-    server svr(at_,
-               [](TARN_RPC rpc, uint32_t seq, uint32_t id, TARN_RPC_MSG msg, TARN_RPC_MSG rsp) {
-                   if (seq % 2 != 0)
-                   {
-                       tarn_sleep_us(seq % 17 * 70);
-                   }
-                   return echo(rpc, seq, id, msg, rsp);
-               });
-    svr.start();
-    const rpc_owner client = connected_client(at_, nullptr, 1);
-    uint32_t answered = 0;
-    // with TLS each time-out costs a handshake
-    const uint32_t rounds = support::with_sanitizer || at_.client_secret != nullptr ? 300 : 3000;
-    for (uint32_t i = 0; i < rounds; ++i)
-    {
-        ASSERT_TRUE(wait_until([&] { return tarn_rpc_is_connected(client.get()); }));
-        const std::string text = std::to_string(i);
-        const outcome got = call(client.get(), i, text, 1);
-        if (got.code == 7)
-        {
-            EXPECT_EQ(got.text, text);
-            ++answered;
-        }
-    }
-    EXPECT_GT(answered, 0u);
-}
-
 TEST_P(Rpc, RequestsThatWaitFailWithTheLine)
 {
     std::atomic<int> waiting{0};
@@ -261,6 +232,60 @@ TEST_P(Rpc, RequestsThatWaitFailWithTheLine)
     go = true;
     EXPECT_TRUE(wait_until([&] { return log.connects == 2; }));
     EXPECT_EQ(call(client.get(), 1, "x").code, 0);
+}
+
+TEST_P(Rpc, ConnectionReadsAsLongAsItIsTold)
+{
+    server svr(at_);
+    svr.start();
+    const rpc_owner client = make_client(at_);
+    EXPECT_EQ(tarn_rpc_loop(client.get()), 0);
+    ASSERT_TRUE(wait_until([&] { return svr.any() != nullptr; }));
+    TARN_CONN conn = tarn_rpc_conn(client.get());
+    char bytes[64];
+    for (const uint32_t limit_ms : {100u, 150u})
+    {
+        int n = -1;
+        EXPECT_GE(
+            support::elapsed_ms([&] { n = tarn_conn_read(conn, bytes, sizeof bytes, limit_ms); }),
+            limit_ms);
+        EXPECT_EQ(n, 0);
+    }
+    std::thread later([&] {
+        tarn_sleep_ms(250); // beyond the limits before
+        EXPECT_EQ(tarn_rpc_msg_send(svr.any(), 1, 1000, nullptr, nullptr, 0), 0);
+    });
+    EXPECT_EQ(tarn_conn_read(conn, bytes, sizeof bytes, TARN_INFINITE), 24);
+    later.join();
+}
+
+TEST_P(Rpc, CallbackMayStopTheLoopThatOthersWaitFor)
+{
+    std::atomic<bool> go{false};
+    server svr(at_,
+               [&](TARN_RPC rpc, uint32_t seq, uint32_t id, TARN_RPC_MSG msg, TARN_RPC_MSG rsp) {
+                   EXPECT_TRUE(wait_until([&] { return go.load(); }));
+                   return echo(rpc, seq, id, msg, rsp);
+               });
+    svr.start();
+    client_log log;
+    std::atomic<bool> stopped{false};
+    log.on_msg = [&](TARN_RPC rpc, uint32_t, uint32_t, TARN_RPC_MSG, TARN_RPC_MSG) {
+        EXPECT_EQ(tarn_rpc_loop_stop(rpc), 0);
+        stopped = true;
+        return 0;
+    };
+    const rpc_owner client = connected_client(at_, &log);
+    std::thread waits([&] { EXPECT_EQ(call(client.get(), 1, "x").text, "x"); });
+    EXPECT_TRUE(wait_until([&] {
+        const tarn::critical_section_guard guard(client->lock);
+        return tarn_hash_count(client->pending) == 1;
+    }));
+    ASSERT_TRUE(wait_until([&] { return svr.any() != nullptr; }));
+    EXPECT_EQ(tarn_rpc_msg_send(svr.any(), 1, 1000, nullptr, nullptr, 0), 0);
+    EXPECT_TRUE(wait_until([&] { return stopped.load(); }));
+    go = true;
+    waits.join(); // it runs the turns itself now
 }
 
 TEST_P(Rpc, MayBeDestroyedInItsCallbacks)

@@ -7,6 +7,7 @@
 #include "tarn_rpc_file.h"
 #include "tarn_str.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdio>
 #include <thread>
@@ -34,6 +35,7 @@ struct store
     std::atomic<int> ended{0};
     std::atomic<uint32_t> percent{0};
     std::function<void()> on_block;
+    std::function<void()> on_end;
 
     void set(TARN_RPC rpc)
     {
@@ -65,7 +67,12 @@ private:
     }
     static void end(void *context)
     {
-        ++static_cast<store *>(context)->ended;
+        auto *self = static_cast<store *>(context);
+        if (self->on_end)
+        {
+            self->on_end();
+        }
+        ++self->ended;
     }
 };
 
@@ -102,8 +109,13 @@ public:
     std::string result()
     {
         std::unique_lock guard(lock_);
-        EXPECT_TRUE(changed_.wait_for(guard, std::chrono::seconds(30), [&] { return over(); }));
+        EXPECT_TRUE(changed_.wait_for(guard, std::chrono::seconds(60), [&] { return over(); }));
         return error_.empty() ? "ok" : error_;
+    }
+    [[nodiscard]] uint32_t percent()
+    {
+        const std::lock_guard guard(lock_);
+        return percent_;
     }
     [[nodiscard]] uint32_t calls()
     {
@@ -126,6 +138,7 @@ private:
             const std::lock_guard guard(self->lock_);
             calls = ++self->calls_;
             self->full_ += percent == 100 ? 1 : 0; // the last block, and the end
+            self->percent_ = percent;
             self->error_ = error != nullptr ? error : "";
         }
         self->changed_.notify_all();
@@ -139,6 +152,7 @@ private:
     std::condition_variable changed_;
     std::string error_;
     int full_ = 0;
+    uint32_t percent_ = 0;
     uint32_t calls_ = 0;
 };
 
@@ -200,8 +214,9 @@ INSTANTIATE_TEST_SUITE_P(Transports, RpcFile, kinds,
 TEST_P(RpcFile, CarriesFilesOfAnySizeAndName)
 {
     int files = 0;
+    const bool slow = support::with_sanitizer || at_.client_secret != nullptr;
     for (const size_t size : {size_t{1}, size_t{512}, size_t{block}, size_t{block} + 1,
-                              support::with_sanitizer ? size_t{4u << 20} : size_t{64u << 20}})
+                              slow ? size_t{4u << 20} : size_t{64u << 20}})
     {
         const std::string name = "gr\xc3\xbc\xc3\x9f"
                                  "e und " +
@@ -531,7 +546,28 @@ TEST_P(RpcFile, HostileMessagesAreRefused)
     EXPECT_TRUE(log.contains("warn", "write_size [13] != file_size [10]"));
     EXPECT_LT(by_hand(rpc).token(token).send(TARN_RPC_MSG_FILE_END), 0); // no second try
 
+    // as many as announced, but others
+    ASSERT_EQ(begin("m", md5, 10).send(TARN_RPC_MSG_FILE_BEGIN, &token), 0);
+    EXPECT_EQ(put(token, "0123456780"), 0);
+    EXPECT_LT(by_hand(rpc).token(token).send(TARN_RPC_MSG_FILE_END), 0);
+    EXPECT_TRUE(log.contains("error", "md5sum mismatch, actual: ["));
+    EXPECT_EQ(tarn_hash_count(server_.any()->receivers), 0u);
+
+    // the file is its own until its end was told
+    store_.on_end = [&] {
+        const rpc_owner other = connected_client(at_);
+        TARN_RPC mine = std::exchange(rpc, other.get());
+        EXPECT_LT(begin("m", md5, 10).send(TARN_RPC_MSG_FILE_BEGIN), 0);
+        rpc = mine;
+    };
+    ASSERT_EQ(begin("m", md5, 10).send(TARN_RPC_MSG_FILE_BEGIN, &token), 0);
+    EXPECT_EQ(put(token, "0123456789"), 0);
+    EXPECT_EQ(by_hand(rpc).token(token).send(TARN_RPC_MSG_FILE_END), 0);
+    EXPECT_EQ(store_.ended, 2);
+    EXPECT_EQ(stored("m"), "0123456789");
+
     // begun and left alone: as many as are allowed, all closed with the connection
+    EXPECT_TRUE(wait_until([&] { return server_.ended == 2; })); // the other connections
     const size_t before = support::open_descriptors();
     int begun = 0;
     while (begin("left" + std::to_string(begun), md5, 10).send(TARN_RPC_MSG_FILE_BEGIN) == 0)
@@ -541,8 +577,120 @@ TEST_P(RpcFile, HostileMessagesAreRefused)
     EXPECT_EQ(begun, 64);
     EXPECT_EQ(support::open_descriptors(), before + 64);
     client_.reset();
-    EXPECT_TRUE(wait_until([&] { return server_.ended == 2; }));
+    EXPECT_TRUE(wait_until([&] { return server_.ended == 3; }));
     EXPECT_LE(support::open_descriptors(), before);
+}
+
+TEST_P(RpcFile, TransferThatLostItsEndSendsOneByteAgain)
+{
+    const std::string bytes = "0123456789";
+    uint64_t token = 0;
+    by_hand begin(client_.get());
+    begin.text(MSG_ELM_FILE_NAME, "n").text(MSG_ELM_MD5_SUM, md5_of(bytes));
+    begin.u32(MSG_ELM_FILE_SIZE, 10).u32(MSG_ELM_BLOCK_SIZE, 10);
+    ASSERT_EQ(begin.send(TARN_RPC_MSG_FILE_BEGIN, &token), 0);
+    by_hand whole(client_.get());
+    EXPECT_EQ(whole.token(token).text(MSG_ELM_BLOCK_DATA, bytes).send(TARN_RPC_MSG_FILE_BLOCK), 0);
+    client_ = connected_client(at_);
+    EXPECT_TRUE(wait_until([&] { return server_.ended == 1; }));
+    log_capture log;
+    const support::level_scope debug(TARN_LOG_LEVEL_DEBUG);
+    EXPECT_EQ(transfer(client_.get(), source("n", bytes), "n").result(), "ok");
+    EXPECT_TRUE(log.contains("start_pos = [9]"));
+    EXPECT_EQ(stored("n"), bytes);
+}
+
+// ---- a receiver that is not ours -----------------------------------------------------------------------
+
+class RpcFileRaw : public RpcBase
+{
+};
+INSTANTIATE_TEST_SUITE_P(Transports, RpcFileRaw, raw_kinds,
+                         [](const auto &kind) { return std::string(kind.param); });
+
+std::string element(uint8_t type, uint16_t id, std::initializer_list<uint32_t> value)
+{
+    return std::string({static_cast<char>(type), '\0', static_cast<char>(id)}) + words(value);
+}
+
+struct answer
+{
+    int code;
+    std::string data;
+};
+
+/** Answers the requests of a transfer with what it is given.
+ *  @return the ids of the requests */
+std::string answer_transfer(raw_peer &peer, const std::vector<answer> &answers)
+{
+    std::string ids;
+    for (const answer &reply : answers)
+    {
+        const std::string head = peer.read(24);
+        const auto word = [&](size_t at) {
+            uint32_t value = 0;
+            std::memcpy(&value, head.data() + at, sizeof value);
+            return ntohl(value);
+        };
+        if (head.size() < 24 || peer.read(word(16)).size() != word(16))
+        {
+            break;
+        }
+        ids += std::to_string(word(12)) + " ";
+        EXPECT_EQ(word(8) + 1, std::count(ids.begin(), ids.end(), ' ')); // 0, 1, 2, ...
+        EXPECT_TRUE(peer.send(
+            frame(word(8), word(12) | 0x80000000u, static_cast<uint32_t>(reply.code), reply.data)));
+    }
+    return ids;
+}
+
+TEST_P(RpcFileRaw, AnswersOfAnotherReceiverAreNotTrusted)
+{
+    const support::temp_dir dir;
+    support::write_file(dir.file("ten"), "0123456789");
+    const std::string token = element(MSG_ELM_TYPE_UINT64, MSG_ELM_FILE_TOKEN, {1, 2});
+    const auto u32 = [](uint16_t id, uint32_t value) {
+        return element(MSG_ELM_TYPE_UINT32, id, {value});
+    };
+    const std::string more = u32(MSG_ELM_WRITE_SIZE, 20);
+    struct
+    {
+        std::vector<answer> answers;
+        const char *ids;
+        const char *result;
+        uint32_t percent;
+    } const cases[] = {
+        {{{0, ""}}, "10 ", "no response for TARN_RPC_MSG_FILE_BEGIN", 0},
+        {{{0, u32(MSG_ELM_BLOCK_SIZE, 9)}}, "10 ", "file token absent", 0},
+        {{{0, token + u32(MSG_ELM_START_POS, 11)}}, "10 ", "failed to send file", 110},
+        {{{0, token + u32(MSG_ELM_START_POS, 10)}, {0, ""}},
+         "10 12 ",
+         "no response message for TARN_RPC_MSG_FILE_END",
+         100},
+        {{{0, token + u32(MSG_ELM_BLOCK_SIZE, UINT32_MAX)}, {0, ""}},
+         "10 11 ",
+         "no response message for TARN_RPC_MSG_FILE_BLOCK",
+         0},
+        {{{0, token + u32(MSG_ELM_BLOCK_SIZE, 0)}, {0, u32(99, 1)}},
+         "10 11 ",
+         "no write size returned",
+         0},
+        {{{0, token + u32(MSG_ELM_BLOCK_SIZE, 5)}, {0, more}, {0, more}, {-1, ""}},
+         "10 11 11 12 ",
+         "failed to send TARN_RPC_MSG_FILE_END",
+         200},
+    };
+    server svr(at_);
+    svr.start();
+    raw_peer peer(at_);
+    ASSERT_TRUE(wait_until([&] { return svr.any() != nullptr; }));
+    for (const auto &expected : cases)
+    {
+        transfer sending(svr.any(), dir.file("ten"), "x");
+        EXPECT_EQ(answer_transfer(peer, expected.answers), expected.ids) << expected.result;
+        EXPECT_EQ(sending.result(), expected.result);
+        EXPECT_EQ(sending.percent(), expected.percent) << expected.result;
+    }
 }
 
 // ---- a receiver in a process of its own ---------------------------------------------------------------
