@@ -306,9 +306,9 @@ int socket_receive_alone(TARN_SOCKET p, void *buf, size_t size, uint32_t timeout
     }
     const deadline limit(timeout_ms);
     const auto n = static_cast<int>(os::receive(p->handle, buf, size, os::transfer::block));
-    if (n < 0 && errno == EAGAIN)
+    if (n < 0 && !infinite && (errno == EAGAIN || errno == EINTR))
     {
-        // The system's ticks may end it early.
+        // The system's ticks may end it early, and a signal does so always.
         const auto left_ms = static_cast<uint32_t>((limit.left_ns() + 999999) / 1000000);
         return result_of_receive(receive_stream(p, buf, size, left_ms));
     }
