@@ -428,43 +428,28 @@ block_offset shmx_blk_alloc_by_visitor(TARN_SHMX shmx, uint32_t size)
     return block;
 }
 
-enum class reserve_result
-{
-    kept,
-    already_freed,
-    failed
-};
-
-reserve_result reserve_block(TARN_SHMX shmx, block_offset block, uint32_t alloc_size)
+tarn::reserve_result reserve_block(TARN_SHMX shmx, block_offset block, uint32_t alloc_size)
 {
     const tarn::shmx_word_guard guard(&shmx->lock);
-    if (!guard)
-    {
-        return reserve_result::failed;
-    }
-    if (tarn::shmx_reserve_has(&shmx->reserve, raw(block)))
-    {
-        return reserve_result::already_freed;
-    }
-    return tarn::shmx_reserve_put(&shmx->reserve, raw(block), alloc_size) ? reserve_result::kept
-                                                                          : reserve_result::failed;
+    return guard ? tarn::shmx_reserve_put(&shmx->reserve, raw(block), alloc_size)
+                 : tarn::reserve_result::no_memory;
 }
 
 /** Keep an own block for reuse.
  *  @return false when the creator has to take it */
 bool keep_own(TARN_SHMX shmx, const shown_block &at, block_offset block, uint32_t alloc_size)
 {
-    const reserve_result result = reserve_block(shmx, block, alloc_size);
-    if (result == reserve_result::already_freed)
+    const tarn::reserve_result result = reserve_block(shmx, block, alloc_size);
+    if (result == tarn::reserve_result::already_there)
     {
         log_already_freed(shmx->view, block);
     }
-    else if (result == reserve_result::kept)
+    else if (result == tarn::reserve_result::kept)
     {
         TARN_LOG_DEBUG("add shmx_blk <%u>(%p) ptr [%u](%p) to reserved table, alloc_size = [%u]",
                        at.offset, at.header, at.data_offset, at.data, alloc_size);
     }
-    return result != reserve_result::failed;
+    return result != tarn::reserve_result::no_memory;
 }
 
 bool shmx_blk_free_by_visitor(TARN_SHMX shmx, block_offset block, uint32_t owner)

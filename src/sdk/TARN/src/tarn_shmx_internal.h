@@ -500,14 +500,19 @@ struct shmx_reserve
     uint32_t random;
 };
 
-/** Put a block in.
- *  @return false when memory ran out */
-bool shmx_reserve_put(shmx_reserve *reserve, uint32_t offset, uint32_t alloc_size);
+enum class reserve_result
+{
+    kept,
+    already_there,
+    no_memory
+};
+
+/** Put a block in, unless it is there. */
+reserve_result shmx_reserve_put(shmx_reserve *reserve, uint32_t offset, uint32_t alloc_size);
 
 /** Take out the smallest block of at least so many bytes, the oldest among equals.
  *  @return its offset; 0: there is none */
 uint32_t shmx_reserve_take(shmx_reserve *reserve, uint32_t alloc_size, uint32_t *taken_size);
-bool shmx_reserve_has(const shmx_reserve *reserve, uint32_t offset);
 void shmx_reserve_close(shmx_reserve *reserve);
 
 // ---- requests -----------------------------------------------------------------------------------

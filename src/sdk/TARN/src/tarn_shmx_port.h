@@ -6,6 +6,7 @@
 #ifndef TARN_SHMX_PORT_H
 #define TARN_SHMX_PORT_H
 
+#include <atomic>
 #include <cstdint>
 
 namespace tarn
@@ -26,8 +27,12 @@ inline uint32_t shmx_thread_id()
 /** Id of the process: that of its first thread. A system call. */
 uint32_t shmx_process_id();
 
-/** Changes with each fork, in the child only. No system call. */
-uint32_t shmx_fork_generation();
+/** Changes with each fork, in the child only, from the first shmx_thread_id() on. */
+extern constinit std::atomic<uint32_t> shmx_fork_count;
+inline uint32_t shmx_fork_generation()
+{
+    return shmx_fork_count.load(std::memory_order_relaxed);
+}
 
 /** Bits of a lock word that hold the owner's thread id; the others are the kernel's. */
 inline constexpr uint32_t lock_owner_mask = 0x3FFFFFFF;

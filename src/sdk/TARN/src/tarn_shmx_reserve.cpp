@@ -157,19 +157,16 @@ uint32_t tree_take(shmx_reserve *reserve, uint32_t alloc_size)
 
 // ---- the queues ---------------------------------------------------------------------------------
 
+/** There is room for one. */
 uint32_t new_node(shmx_reserve *reserve)
 {
-    if (reserve->free_node != 0)
+    const uint32_t node = reserve->free_node;
+    if (node == 0)
     {
-        const uint32_t node = reserve->free_node;
-        reserve->free_node = reserve->nodes[node].next;
-        return node;
+        return reserve->used++;
     }
-    if (reserve->used >= reserve->capacity && !grow(reserve))
-    {
-        return 0;
-    }
-    return reserve->used++;
+    reserve->free_node = reserve->nodes[node].next;
+    return node;
 }
 
 uint32_t next_random(shmx_reserve *reserve)
@@ -231,25 +228,30 @@ uint32_t take_node(shmx_reserve *reserve, uint32_t alloc_size)
 
 } // namespace
 
-bool shmx_reserve_put(shmx_reserve *reserve, uint32_t offset, uint32_t alloc_size)
+reserve_result shmx_reserve_put(shmx_reserve *reserve, uint32_t offset, uint32_t alloc_size)
 {
-    const uint32_t node = new_node(reserve);
-    if (node == 0)
+    if (reserve->free_node == 0 && reserve->used >= reserve->capacity && !grow(reserve))
     {
-        return false;
+        return reserve_result::no_memory;
     }
+    const uint32_t place = find_place(reserve, offset);
+    if (reserve->index[place] != 0)
+    {
+        return reserve_result::already_there;
+    }
+    const uint32_t node = new_node(reserve);
     reserve->nodes[node] = {offset, alloc_size, 0, 0, reserve->next_order++, 0};
-    reserve->index[find_place(reserve, offset)] = node;
+    reserve->index[place] = node;
     ++reserve->count;
     const size_t queue = queue_of(alloc_size);
     if (queue != shmx_large_list)
     {
         queue_put(reserve, queue, node);
-        return true;
+        return reserve_result::kept;
     }
     reserve->nodes[node].priority = next_random(reserve);
     tree_insert(reserve, node);
-    return true;
+    return reserve_result::kept;
 }
 
 uint32_t shmx_reserve_take(shmx_reserve *reserve, uint32_t alloc_size, uint32_t *taken_size)
@@ -270,11 +272,6 @@ uint32_t shmx_reserve_take(shmx_reserve *reserve, uint32_t alloc_size, uint32_t 
     reserve->free_node = node;
     --reserve->count;
     return offset;
-}
-
-bool shmx_reserve_has(const shmx_reserve *reserve, uint32_t offset)
-{
-    return reserve->count != 0 && reserve->index[find_place(reserve, offset)] != 0;
 }
 
 void shmx_reserve_close(shmx_reserve *reserve)

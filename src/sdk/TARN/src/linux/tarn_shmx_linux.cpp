@@ -22,13 +22,11 @@
 namespace
 {
 
-constinit std::atomic<uint32_t> fork_generation{0};
-
 /** On the only thread that the child has. */
 void after_fork()
 {
     tarn::shmx_known_thread_id = 0;
-    fork_generation.fetch_add(1, std::memory_order_relaxed);
+    tarn::shmx_fork_count.fetch_add(1, std::memory_order_relaxed);
 }
 
 long futex(uint32_t *word, int operation, uint32_t value, const timespec *time)
@@ -80,6 +78,7 @@ namespace tarn
 {
 
 constinit thread_local uint32_t shmx_known_thread_id = 0;
+constinit std::atomic<uint32_t> shmx_fork_count{0};
 
 uint32_t shmx_learn_thread_id()
 {
@@ -91,11 +90,6 @@ uint32_t shmx_learn_thread_id()
 uint32_t shmx_process_id()
 {
     return static_cast<uint32_t>(::getpid());
-}
-
-uint32_t shmx_fork_generation()
-{
-    return fork_generation.load(std::memory_order_relaxed);
 }
 
 int shmx_futex_lock(uint32_t *word, uint32_t limit_ms)
