@@ -1,5 +1,5 @@
 // tarnctl, driven as its user drives it: usage and help of all subcommands, and those that need no
-// peer: credentials, level files, shared memory, serial ports, network interfaces.
+// peer: level files, shared memory, serial ports, network interfaces.
 
 #include "tarnctl_support.h"
 
@@ -11,7 +11,6 @@
 #include <filesystem>
 
 #include <net/if.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace tarnctl_test;
@@ -40,13 +39,6 @@ std::string joined(const std::vector<std::string> &words)
         text += (text.empty() ? "" : " ") + word;
     }
     return text;
-}
-
-mode_t mode_of(const std::string &path)
-{
-    struct stat status = {};
-    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 0777;
 }
 
 struct wrong_usage
@@ -180,7 +172,6 @@ TEST(Tarnctl, FailuresSayWhatToDo)
         {{"rpc", "send", program, nowhere}, {nowhere, "check that the server runs"}},
         {{"rpc", "send", dir.file("none"), nowhere}, {"No such file", "check its name"}},
         {{"rpc", "send", dir.path(), nowhere}, {"choose a regular file"}},
-        {{"rpc", "call", nowhere, "1000", "--tls-dir", dir.path()}, {"secret", "tarnctl tls init"}},
         {{"ipc", "call", nobody, "1"}, {nobody, "check that a process serves that name"}},
         {{"log-level", nobody}, {nobody, "check the name"}},
         {{"log-level", nobody, "DEBUG"}, {nobody, "check the name"}},
@@ -191,7 +182,6 @@ TEST(Tarnctl, FailuresSayWhatToDo)
         {{"net", "gateway", "lo"}, {"lo", "choose another"}},
         {{"points", "watch", nobody}, {nobody, "check that gatewayd runs"}},
         {{"tls", "show", dir.file("none")}, {"No such file", "check the name"}},
-        {{"tls", "init", "/proc/none"}, {"/proc/none", "choose another place"}},
     };
     for (const auto &[arguments, texts] : rows)
     {
@@ -201,76 +191,6 @@ TEST(Tarnctl, FailuresSayWhatToDo)
     const run_result verbose = run({"net", "gateway", "lo", "-vv"});
     EXPECT_EQ(verbose.out, "");
     EXPECT_TRUE(has(verbose.err, "[tarn")) << verbose.err;
-}
-
-// ---- credentials ------------------------------------------------------------------------------------
-
-TEST(Tarnctl, CredentialsAreMadeOnceAndShown)
-{
-    const support::temp_dir dir;
-    const std::string set = dir.file("a/set");
-    EXPECT_TRUE(has(expect_ok({"tls", "init", set, "--cn", "gw.test", "--days=30"}), "gw.test"));
-    EXPECT_EQ(mode_of(set), 0700u);
-    EXPECT_EQ(mode_of(set + "/secret"), 0600u);
-    EXPECT_EQ(mode_of(set + "/server.key"), 0600u);
-    const std::string secret = support::read_file(set + "/secret");
-    EXPECT_EQ(secret.find('\n'), secret.size() - 1);
-    EXPECT_GE(secret.size(), 33u);
-    std::vector<std::string> files;
-    for (const auto &entry : std::filesystem::directory_iterator(set))
-    {
-        files.push_back(entry.path().filename());
-    }
-    std::sort(files.begin(), files.end());
-    EXPECT_EQ(files,
-              (std::vector<std::string>{"client.cert", "client.chain", "client.key", "root.pem",
-                                        "secret", "server.cert", "server.chain", "server.key"}));
-    const std::string before = support::read_file(set + "/server.key");
-    EXPECT_FALSE(has(before, "BEGIN"));
-    (void)expect_error(1, {"tls", "init", set}, {"is there already", "--force"});
-    EXPECT_EQ(support::read_file(set + "/server.key"), before);
-    EXPECT_EQ(support::read_file(set + "/secret"), secret);
-
-    const std::string shown = expect_ok({"tls", "show", set + "/server.cert"});
-    for (const char *text : {"subject   CN=gw.test\n", "issuer    CN=gw.test root", "serial    ",
-                             "validity  2", " UTC to 2"})
-    {
-        EXPECT_TRUE(has(shown, text)) << shown;
-    }
-    const std::string key = expect_ok({"tls", "show", set + "/server.key"});
-    EXPECT_TRUE(key.starts_with("PRIVATE KEY, ")) << key;
-    EXPECT_EQ(std::count(key.begin(), key.end(), '\n'), 1);
-    const std::string json = expect_ok({"tls", "show", "--json", set + "/server.chain"});
-    EXPECT_EQ(json_value(json, "len(v), v[0]['subject'] == v[0]['issuer'], v[0]['valid']"),
-              "1 True True");
-    EXPECT_EQ(json, expect_ok({"tls", "show", "--json", set + "/root.pem"}));
-
-    EXPECT_TRUE(has(expect_ok({"tls", "init", set, "--force"}), "tarn-server"));
-    EXPECT_NE(support::read_file(set + "/secret"), secret);
-    (void)expect_ok({"tls", "show", set + "/client.cert"});
-}
-
-TEST(Tarnctl, CredentialsThatAreNoneAreRefused)
-{
-    const support::temp_dir dir;
-    const std::string file = dir.file("file");
-    const std::string pem = "-----BEGIN CERTIFICATE-----\n";
-    const std::string end = "\n-----END CERTIFICATE-----\n";
-    support::write_file(file, "noise");
-    (void)expect_error(1, {"tls", "show", file}, {"enciphered", "--secret"});
-    support::write_file(dir.file("secret"), "wrong\n");
-    (void)expect_error(1, {"tls", "show", file}, {"neither", "--secret"});
-    support::write_file(file, pem + "MIIB");
-    (void)expect_error(1, {"tls", "show", file}, {"nothing that is whole"});
-    // lengths that lead outside, a certificate that ends early, one without end
-    for (const char *body :
-         {"MIT/////", "MIIB", "MAIwAA==", "MIAwgAAA", "MAowCKADAgECAgEB", "!!!!"})
-    {
-        support::write_file(file, pem + body + end);
-        EXPECT_TRUE(expect_ok({"tls", "show", file}).starts_with("CERTIFICATE, ")) << body;
-        EXPECT_EQ(json_value(expect_ok({"tls", "show", "--json", file}), "v[0]['kind']"),
-                  "CERTIFICATE");
-    }
 }
 
 // ---- level files ------------------------------------------------------------------------------------

@@ -21,6 +21,7 @@ struct stage
     const support::layer layer;
 };
 
+#if defined(TARN_WITH_TLS)
 /** Credentials that 'tarnctl tls init' made, as a server loads them. */
 class server_credentials
 {
@@ -62,6 +63,7 @@ const std::string &credentials_dir()
     }();
     return path;
 }
+#endif
 
 /** A server and the words with which tarnctl reaches it. */
 class place
@@ -77,12 +79,14 @@ public:
         }
         at_ = rpc_test::make_transport("tcp");
         words_ = {at_.addr + ":" + at_.port};
+#if defined(TARN_WITH_TLS)
         if (kind == "tls")
         {
             credentials_ = std::make_unique<server_credentials>(credentials_dir());
             at_.server_secret = credentials_->get();
             words_.push_back("--tls-dir=" + credentials_dir());
         }
+#endif
     }
     [[nodiscard]] const rpc_test::transport &at() const
     {
@@ -102,7 +106,9 @@ public:
 
 private:
     rpc_test::transport at_;
+#if defined(TARN_WITH_TLS)
     std::unique_ptr<server_credentials> credentials_;
+#endif
     std::vector<std::string> words_;
 };
 
@@ -151,7 +157,7 @@ protected:
     const stage stage_;
     const place place_{GetParam()};
 };
-INSTANTIATE_TEST_SUITE_P(All, TarnctlRpc, testing::Values("tcp", "tls", "local"),
+INSTANTIATE_TEST_SUITE_P(All, TarnctlRpc, rpc_test::kinds,
                          [](const auto &row) { return row.param; });
 
 /** What a receiving application notes, as the callbacks have no other way. */
@@ -331,6 +337,7 @@ TEST(TarnctlRpcEnds, ServerThatGoesAwayIsToldOf)
     EXPECT_TRUE(has(support::read_file(dir.file("err")), "run the same command again"));
 }
 
+#if defined(TARN_WITH_TLS)
 TEST(TarnctlRpcEnds, WrongCredentialsAreRefused)
 {
     const stage stage;
@@ -348,6 +355,7 @@ TEST(TarnctlRpcEnds, WrongCredentialsAreRefused)
     (void)expect_error(1, {"rpc", "ping", target, "--tls-dir", dir.file("other")},
                        {"credentials are no good", "tarnctl tls init"});
 }
+#endif
 
 TEST(TarnctlRpcEnds, SendDrawsABarOnATerminal)
 {

@@ -137,6 +137,10 @@ const tlsu_if *tls_table()
 
 bool client_credentials::load(const std::string &dir)
 {
+    if (tls_table() == nullptr)
+    {
+        return false;
+    }
     const auto complain = [&](const char *name) {
         (void)failed("cannot read " + shown(dir + "/" + name) + ": " + error_text(errno) +
                      "; make it with 'tarnctl tls init " + shown(dir) + "'");
