@@ -99,6 +99,7 @@ int watch_points(const settings &wanted, const gatewayd_heap_view &view)
 {
     uint32_t left = wanted.tables;
     uint64_t shown_changes = ~gatewayd_heap_changes(&view);
+    (void)tarn_process_wait_exit(0); // from here on Ctrl-C ends orderly, and gives the user id back
     for (;;)
     {
         if (has_ended(view))

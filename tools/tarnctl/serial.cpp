@@ -320,6 +320,7 @@ int monitor(const arguments &given)
                       ": check the name and the rights, that nobody else has it open, and that it "
                       "takes the settings; -v shows more");
     }
+    (void)tarn_process_wait_exit(0); // from here on Ctrl-C ends orderly
     reader state = {opened.get(), printer(given, lines)};
     {
         const thread_owner thread(tarn_thread_start(reader::turn, &state, nullptr, 0, "monitor"));
