@@ -344,14 +344,18 @@ TEST_F(GatewaydLocal, SuccessorOfAKilledDaemonMakesANewHeap)
 TEST_F(GatewaydLocal, SerialLinesBecomePoints)
 {
     support::serial_pty tty;
-    foreground daemon =
-        start_running(self_, {"--serial=" + tty.slave_name(), "--baud=9600"},
-                      {"reading points from " + tty.slave_name() + " at 9600 baud"});
-    const reader heap(self_);
     const auto feed = [&](const std::string &bytes) {
         EXPECT_EQ(::write(tty.master(), bytes.data(), bytes.size()),
                   static_cast<ssize_t>(bytes.size()));
     };
+    // while somebody has the other end open, what is written waits there
+    const tarn::unique_fd other_end(
+        ::open(tty.slave_name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    feed("old/half.line=1\n");
+    foreground daemon =
+        start_running(self_, {"--serial=" + tty.slave_name(), "--baud=9600"},
+                      {"reading points from " + tty.slave_name() + " at 9600 baud"});
+    const reader heap(self_);
     feed("boiler/temp=71.5\n");
     EXPECT_TRUE(heap.wait_for("boiler/temp", 71.5));
     feed("boil");
@@ -372,6 +376,7 @@ TEST_F(GatewaydLocal, SerialLinesBecomePoints)
     EXPECT_TRUE(heap.wait_for("last", 1));
     const auto points = heap.all();
     EXPECT_EQ(points.count("x"), 0u);
+    EXPECT_EQ(points.count("old/half.line"), 0u);
     EXPECT_TRUE(daemon.wait_for_line("'no equals' is not of the form name=value"));
     expect_orderly_end(daemon);
 }

@@ -31,6 +31,7 @@ bool serial_source::start(const char *device, uint32_t baud)
 {
     device_ = device;
     baud_ = baud;
+    (void)open_port(); // or the thread, later
     thread_ = tarn_thread_start(loop_proc, this, nullptr, 0, "serial_source");
     return thread_ != TARN_INVALID_HANDLE;
 }
@@ -74,6 +75,8 @@ bool serial_source::open_port()
     told_ = false;
     too_long_ = false;
     length_ = 0;
+    // What has been waiting is old, and may begin in the middle of a line.
+    (void)tarn_serial_purge(port_, true, false);
     (void)tarn_serial_set_comm_mask(port_, TARN_SERIAL_EVENT_READ);
     TARN_LOG_INFO("reading points from %s at %u baud", device_, baud_);
     return true;

@@ -24,7 +24,7 @@ public:
         stop();
     }
 
-    /** Starts the thread.
+    /** Opens the port if it can be had, and starts the thread.
      *  @param device  borrowed while it runs */
     bool start(const char *device, uint32_t baud);
     /** Ends the thread and closes the port. */
