@@ -70,7 +70,8 @@ TARN_API void tarn_conn_destroy(TARN_CONN conn);
 /** Connect a client. One that stands is disconnected first.
  *  @return 0; TARN_ERRLN when no address answered, the handshake failed, on_connect refused, the
  *          connection was disconnected meanwhile, or it is no client (ERROR). Blocks up to the
- *          time-out per address, and for the look-up of names. */
+ *          time-out per address, for the look-up of names, and with TLS up to the time-out of the
+ *          handshake. */
 TARN_API int tarn_conn_connect(TARN_CONN conn);
 
 /** End the connection; on_disconnect is called if it stood. */
