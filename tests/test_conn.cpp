@@ -154,6 +154,42 @@ TEST_P(Conn, MayBeDestroyedInItsOwnCallback)
     upper.finish();
 }
 
+TEST_P(Conn, ConnectsAgainFromTheSameAddressAtOnce)
+{
+    echo_server upper;
+    {
+        const server_owner svr = start_server(at_, &upper);
+        std::atomic<int> again{1};
+        const auto on_disconnect = [](TARN_CONN conn, void *result) {
+            auto &told = *static_cast<std::atomic<int> *>(result);
+            told = told == 1 ? tarn_conn_connect(conn) : told.load();
+        };
+        const conn_owner inside(tarn_conn_create(at_.client_secret, nullptr, nullptr,
+                                                 at_.addr.c_str(), at_.port_or_null(), 5000,
+                                                 nullptr, on_disconnect, &again));
+        ASSERT_EQ(tarn_conn_connect(inside.get()), 0);
+        EXPECT_TRUE(wait_until([&] { return upper.live_count() == 1; }));
+        tarn::conn_abort(upper.live[0]);
+        char byte = 0;
+        EXPECT_LT(tarn_conn_read(inside.get(), &byte, 1, 10000), 0);
+        EXPECT_EQ(again, 0) << "from inside its callback";
+
+        const conn_owner client = make_client(at_); // while its reader is still leaving
+        for (int round = 0; round < 20; ++round)
+        {
+            ASSERT_EQ(tarn_conn_connect(client.get()), 0) << round;
+            std::thread reader(
+                [&] { EXPECT_LT(tarn_conn_read(client.get(), &byte, 1, TARN_INFINITE), 0); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(round % 3));
+            tarn_conn_disconnect(client.get());
+            EXPECT_EQ(tarn_conn_connect(client.get()), 0) << round;
+            tarn_conn_disconnect(client.get());
+            reader.join();
+        }
+    }
+    upper.finish();
+}
+
 TEST_P(Conn, AnotherThreadDisconnectsUnderReadAndWrite)
 {
     echo_server upper;

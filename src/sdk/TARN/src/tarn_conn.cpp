@@ -28,6 +28,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <mutex>
@@ -70,6 +71,24 @@ int clamp_length(size_t length)
 
 std::mutex callback_lock;
 std::condition_variable callback_ended;
+
+void end_callback(tarn::callback_count &count)
+{
+    const std::lock_guard lock(callback_lock);
+    --count.running;
+    callback_ended.notify_all();
+}
+
+/** Wait until the links that were taken down are closed: until then their address is in use. A
+ *  thread that is inside a call on one leaves within moments; the limit is for one that has called
+ *  us from there. */
+void wait_for_leaving(tarn::callback_count &count)
+{
+    constexpr std::chrono::milliseconds limit(200);
+    const tarn::cancel_guard no_cancel;
+    std::unique_lock lock(callback_lock);
+    (void)callback_ended.wait_for(lock, limit, [&] { return count.running == 0; });
+}
 
 /** The callbacks that the calling thread is inside, innermost first. */
 constinit thread_local const tarn::callback_scope *inside = nullptr;
@@ -191,9 +210,9 @@ bool connect_plain(TARN_CONN conn, conn_link *link)
 
 /** Tell the upper level; it may refuse.
  *  @return 0, or a negative result after the connection was taken down */
-int report_connect(TARN_CONN conn, conn_link *link)
+int report_connect(TARN_CONN conn, link_pin &link)
 {
-    if (!tarn::conn_mark_connected(conn, link))
+    if (!tarn::conn_mark_connected(conn, link.get()))
     {
         return TARN_ERRLN;
     }
@@ -209,7 +228,7 @@ int report_connect(TARN_CONN conn, conn_link *link)
     if (rc != 0)
     {
         TARN_LOG_ERROR("cb_on_connect return %d", rc);
-        tarn::conn_disconnect_link(conn, link);
+        tarn::conn_disconnect_link(conn, link.get(), &link);
         return TARN_ERRLN;
     }
     return 0;
@@ -352,8 +371,14 @@ void link_unref(conn_link *link)
         (void)socket_unpublish(link->slot);
         tarn_socket_destroy(link->sock);
     }
+    TARN_CONN const conn = link->leaving;
     tarn_mem_free(link->peer_host);
     tarn_mem_free(link);
+    if (conn != nullptr)
+    {
+        end_callback(conn->leaving);
+        conn_unref(conn);
+    }
 }
 
 void conn_ref(TARN_CONN conn)
@@ -463,7 +488,7 @@ void conn_set_local(TARN_CONN conn, const char *addr, const char *port)
 
 // ---- ending ---------------------------------------------------------------------------------------
 
-void conn_disconnect_link(TARN_CONN conn, const conn_link *link)
+void conn_disconnect_link(TARN_CONN conn, const conn_link *link, link_pin *held)
 {
     const conn_pin pin(conn);
     conn_link *taken = nullptr;
@@ -476,6 +501,12 @@ void conn_disconnect_link(TARN_CONN conn, const conn_link *link)
             return; // an older link: it is down already
         }
         taken = std::exchange(conn->link, nullptr);
+        if (taken != nullptr)
+        {
+            conn_ref(conn);
+            taken->leaving = conn;
+            count_callback(conn->leaving);
+        }
         report = conn->is_connected != 0 && conn->on_disconnect != nullptr;
         store(conn->is_connected, uint8_t{0});
         if (report)
@@ -487,6 +518,10 @@ void conn_disconnect_link(TARN_CONN conn, const conn_link *link)
     {
         socket_abort(taken->slot);
         link_unref(taken);
+    }
+    if (held != nullptr)
+    {
+        held->reset();
     }
     if (report)
     {
@@ -520,9 +555,7 @@ callback_scope::callback_scope(callback_count &count) noexcept : count_(count), 
 callback_scope::~callback_scope()
 {
     inside = outer_;
-    const std::lock_guard lock(callback_lock);
-    --count_.running;
-    callback_ended.notify_all();
+    end_callback(count_);
 }
 
 uint32_t own_callbacks(const callback_count &count)
@@ -679,6 +712,7 @@ int tarn_conn_connect(TARN_CONN conn)
     {
         tarn::conn_disconnect_link(conn, nullptr); // its session knows the old peer
     }
+    wait_for_leaving(conn->leaving);
     TARN_LOG_TRACE("connecting to %s", shown(conn->peer_name));
     conn_link *const made = tarn::conn_make_link(conn);
     if (made == nullptr)
@@ -686,14 +720,14 @@ int tarn_conn_connect(TARN_CONN conn)
         return TARN_ERRLN;
     }
     tarn::link_ref(made);
-    const link_pin link(made);
+    link_pin link(made);
     if (!tarn::conn_set_link(conn, made))
     {
         return TARN_ERRLN;
     }
     const bool connected =
         link->tls_h != nullptr ? connect_tls(conn, link.get()) : connect_plain(conn, link.get());
-    return connected ? report_connect(conn, link.get()) : TARN_ERRLN;
+    return connected ? report_connect(conn, link) : TARN_ERRLN;
 }
 
 void tarn_conn_disconnect(TARN_CONN conn)
@@ -712,7 +746,7 @@ int tarn_conn_read(TARN_CONN conn, void *buffer, size_t size, uint32_t timeout)
     RVON(buffer, TARN_ERRLN);
     RVOF(size > 0, TARN_ERRLN); // nothing read would look like the end
     const conn_pin pin(conn);
-    const link_pin link = tarn::conn_hold_link(conn);
+    link_pin link = tarn::conn_hold_link(conn);
     if (!link)
     {
         return TARN_ERRLN;
@@ -729,7 +763,7 @@ int tarn_conn_read(TARN_CONN conn, void *buffer, size_t size, uint32_t timeout)
     else if (n < 0)
     {
         TARN_LOG_TRACE("shutdown socket");
-        tarn::conn_disconnect_link(conn, link.get());
+        tarn::conn_disconnect_link(conn, link.get(), &link);
     }
     return n;
 }

@@ -27,6 +27,7 @@ enum conn_kind : uint32_t
 struct conn_link
 {
     uint32_t refs;          ///< atomic
+    TARN_CONN leaving;      ///< with a reference: whose disconnect took it down; null before
     uint32_t kind;          ///< conn_kind
     uint32_t timeout_ms;    ///< of a connect or an accept
     TARN_CONN conn;         ///< whose link it is; alive while the link is being set up
@@ -81,7 +82,8 @@ struct tarn_conn
     uint32_t refs;     ///< atomic: the handle, and every call that is inside
     uint8_t destroyed; ///< atomic
     tarn::callback_count callbacks;
-    TARN_CONN_SERVER server; ///< of an incoming connection, with a reference
+    tarn::callback_count leaving; ///< links that were taken down but are in use still
+    TARN_CONN_SERVER server;      ///< of an incoming connection, with a reference
 };
 
 namespace tarn
@@ -116,10 +118,7 @@ public:
     link_pin &operator=(link_pin &&) = delete;
     ~link_pin()
     {
-        if (link_ != nullptr)
-        {
-            link_unref(link_);
-        }
+        reset();
     }
     [[nodiscard]] conn_link *get() const noexcept
     {
@@ -128,6 +127,13 @@ public:
     conn_link *operator->() const noexcept
     {
         return link_;
+    }
+    void reset()
+    {
+        if (conn_link *const link = std::exchange(link_, nullptr))
+        {
+            link_unref(link);
+        }
     }
     explicit operator bool() const noexcept
     {
@@ -189,8 +195,11 @@ bool conn_set_link(TARN_CONN conn, conn_link *link);
 bool conn_mark_connected(TARN_CONN conn, const conn_link *link);
 
 /** Take a link down and call on_disconnect when the connection stood; does nothing when the
- *  connection has another link by now. @param link  null: whichever it has */
-void conn_disconnect_link(TARN_CONN conn, const conn_link *link);
+ *  connection has another link by now.
+ *  @param link  null: whichever it has
+ *  @param held  the caller's own hold on it, given up before the callback, which may want to connect
+ *               from the same address; may be null */
+void conn_disconnect_link(TARN_CONN conn, const conn_link *link, link_pin *held = nullptr);
 
 /** Count a callback that is going to run: under the lock that decides that it does, so that a
  *  destroy on another thread waits for it. */
