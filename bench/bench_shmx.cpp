@@ -147,6 +147,11 @@ public:
     {
         kill(pid_, SIGKILL);
         waitpid(pid_, nullptr, 0);
+        for (const char *heap : {"c", "e"}) // creating one replaces what the killed one has left
+        {
+            const std::string name = std::string(common->name) + heap;
+            (void)tarn_shmx_destroy(tarn_shmx_create(name.c_str(), 4096, 0, 1));
+        }
     }
 
 private:

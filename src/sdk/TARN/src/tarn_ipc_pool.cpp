@@ -125,11 +125,14 @@ void worker_gone()
     }
 }
 
+/** A worker that has left is not counted any more, but its thread may still be on its way back. */
+constexpr uint32_t launch_limit_ms = 100;
+
 /** Launch an announced worker. */
 bool launch(TARN_THREAD_POOL threads)
 {
     if (threads == nullptr ||
-        tarn_thread_pool_start_thread_ex(threads, 0, worker_proc, nullptr, nullptr))
+        tarn_thread_pool_start_thread_ex(threads, launch_limit_ms, worker_proc, nullptr, nullptr))
     {
         return true;
     }
