@@ -183,7 +183,8 @@ int tlsu_conn_recv(void *conn_h, void *buffer, int max_len, uint32_t timeout_ms)
     TARN_LOG_DEBUG("conn = [%p], sock = [%p], buf_len = [%d], timeout_ms = [%u]",
                    static_cast<void *>(link->conn), static_cast<void *>(link->sock), max_len,
                    timeout_ms);
-    const int n = tarn_socket_recv(link->sock, buffer, static_cast<size_t>(max_len), timeout_ms);
+    const int n = tarn::socket_receive_alone(link->sock, buffer, static_cast<size_t>(max_len),
+                                             timeout_ms); // the session lets in one at a time
     return n < 0 && errno == EINTR ? 0 : n;
 }
 
