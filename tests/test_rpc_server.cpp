@@ -153,6 +153,7 @@ TEST_P(RpcServer, LengthsAreNotTrusted)
             EXPECT_EQ(std::accumulate(data, data + std::min(seen.load(), 4096u), 0u),
                       static_cast<uint32_t>('a' + 'b'));
         }
+        EXPECT_NE(id, 1003u) << "of a line that was given up";
         return echo(nullptr, 0, 0, msg, rsp);
     });
     svr.start();
@@ -192,7 +193,7 @@ TEST_P(RpcServer, LengthsAreNotTrusted)
     {
         raw_peer bold(at_);
         expect_served(bold);
-        ASSERT_TRUE(bold.send(above));
+        ASSERT_TRUE(bold.send(above + frame(2, 1003, 1)));
         EXPECT_TRUE(bold.closed());
     }
     expect_served(peer); // admitted before the limit

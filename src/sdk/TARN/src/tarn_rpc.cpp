@@ -284,7 +284,7 @@ void rpc_line_up(TARN_RPC rpc)
         __atomic_store_n(&link->send_limit_ms, rpc_send_limit_ms, __ATOMIC_RELAXED);
         link_ref(link.get());
         rpc->line = link.get();
-        ++rpc->generation;
+        (void)__atomic_add_fetch(&rpc->generation, 1, __ATOMIC_RELAXED);
     }
 }
 
@@ -298,7 +298,7 @@ void rpc_line_lost(TARN_RPC rpc)
         {
             return;
         }
-        ++rpc->generation;
+        (void)__atomic_add_fetch(&rpc->generation, 1, __ATOMIC_RELAXED);
         rpc_fail_all(rpc);
     }
     rpc_close_receivers(rpc);

@@ -131,7 +131,7 @@ struct tarn_rpc
     TARN_HASH pending;         ///< tarn::rpc_pending by seq_no
     tarn::rpc_waiter *waiters; ///< that nobody uses just now; under lock
     tarn::conn_link *line;     ///< with a reference; null while the connection is down
-    uint32_t generation;       ///< of the line
+    uint32_t generation;       ///< of the line; atomic, changed under lock
     bool pumping;              ///< somebody runs turns
     uint8_t destroyed;         ///< atomic; set under lock
     uint8_t reported;          ///< atomic; server connection: its end was reported
@@ -176,6 +176,11 @@ void rpc_unref(TARN_RPC rpc);
 inline bool rpc_is_alive(TARN_RPC rpc)
 {
     return __atomic_load_n(&rpc->destroyed, __ATOMIC_ACQUIRE) == 0;
+}
+
+inline uint32_t rpc_generation(TARN_RPC rpc)
+{
+    return __atomic_load_n(&rpc->generation, __ATOMIC_RELAXED);
 }
 
 /** Name for log lines. */

@@ -192,8 +192,9 @@ bool exceeds_limit(TARN_RPC rpc, uint32_t size)
     return limit != 0 && size > limit;
 }
 
-/** Take a whole frame out of the machine and handle it. */
-void handle_frame(TARN_RPC rpc, conn_link *line, std::span<const uint8_t> body)
+/** Take a whole frame out of the machine and handle it.
+ *  @return false when the line is to be given up (logged) */
+bool handle_frame(TARN_RPC rpc, conn_link *line, std::span<const uint8_t> body)
 {
     rpc_frame_fields fields;
     const bool is_reply = read_fields(body, fields);
@@ -208,12 +209,11 @@ void handle_frame(TARN_RPC rpc, conn_link *line, std::span<const uint8_t> body)
     if (exceeds_limit(rpc, fields.data_len))
     {
         TARN_LOG_WARN("[%s] data of %u bytes are above the limit", name, fields.data_len);
-        tarn::rpc_line_fail(rpc, line);
-        return;
+        return false;
     }
     if (!make_message(fields, body, msg))
     {
-        return;
+        return true;
     }
     if (is_reply)
     {
@@ -226,11 +226,11 @@ void handle_frame(TARN_RPC rpc, conn_link *line, std::span<const uint8_t> body)
     else if (!queue_request(rpc->rx, fields, msg))
     {
         TARN_LOG_WARN("[%s] too many requests while replies are awaited", name);
-        tarn::rpc_line_fail(rpc, line);
-        return;
+        return false;
     }
     rpc->rx.since_activity = 0;
     tarn::rpc_touch(rpc);
+    return true;
 }
 
 /** Handle requests that were kept for later. @return true when there were any */
@@ -524,7 +524,7 @@ link_pin sync_line(TARN_RPC rpc)
     uint32_t generation = 0;
     {
         const tarn::critical_section_guard guard(rpc->lock);
-        generation = rpc->generation;
+        generation = tarn::rpc_generation(rpc);
         if (rpc->line != nullptr && tarn_conn_is_connected(rpc->cli_h))
         {
             line = rpc->line;
@@ -587,22 +587,22 @@ void rpc_rx_fsm(TARN_RPC rpc, conn_link *line, const rpc_pending *until)
     std::span<const uint8_t> body;
     for (;;)
     {
-        switch (next_frame(rpc, body))
+        const step next = next_frame(rpc, body);
+        if (next == step::more)
         {
-        case step::more:
             return;
-        case step::fail:
+        }
+        if (next == step::fail || !handle_frame(rpc, line, body))
+        {
             rpc_rx_free(rpc);
             rpc_line_fail(rpc, line);
             return;
-        case step::frame:
-            handle_frame(rpc, line, body);
-            break;
         }
+        // What is left of the chunk is for the turn outside, or of a line that has ended.
         if (!rpc_is_alive(rpc) || rpc->rx.generation != generation ||
-            (until != nullptr && rpc_is_done(*until)))
+            rpc_generation(rpc) != generation || (until != nullptr && rpc_is_done(*until)))
         {
-            return; // what is left of the chunk is for the turn outside
+            return;
         }
     }
 }
