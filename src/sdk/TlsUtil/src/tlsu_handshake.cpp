@@ -269,7 +269,7 @@ bool is_handshake_finished(tlsu_session &tls)
     return SSL_is_init_finished(tls.ssl) == 1;
 }
 
-outcome do_ssl_handshake(tlsu_session &tls, bool waits_for_sender)
+outcome do_ssl_handshake(tlsu_session &tls, bool is_writer)
 {
     if (!prepare_name_check(tls))
     {
@@ -292,7 +292,7 @@ outcome do_ssl_handshake(tlsu_session &tls, bool waits_for_sender)
         log_verify_result(tls);
     }
     // The step that ends the handshake leaves bytes behind as well, a failing one its alert.
-    return send_pending(tls, waits_for_sender) ? how : outcome::fatal;
+    return send_pending(tls, is_writer) ? how : outcome::fatal;
 }
 
 int finish_handshake(tlsu_session &tls)

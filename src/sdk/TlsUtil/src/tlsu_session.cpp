@@ -243,6 +243,7 @@ int take_from_stock(tlsu_session &tls, const sink &reader)
 tlsu::outcome write_plain(tlsu_session &tls, const unsigned char *bytes, int count)
 {
     const tarn::critical_section_guard engine(tls.engine_lock);
+    tls.writer_sends = 1;
     tlsu::forget_errors();
     return tlsu::classify(tls, SSL_write(tls.ssl, bytes, count));
 }

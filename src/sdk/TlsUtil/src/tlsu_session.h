@@ -67,9 +67,10 @@ struct tlsu_session
     TARN_CRITICAL_SECTION read_lock;
     TARN_CRITICAL_SECTION send_lock;
     TARN_CRITICAL_SECTION engine_lock;
-    int32_t last_error; ///< atomic: SSL_get_error() of the last operation
-    uint8_t has_failed; ///< atomic: nothing more can be sent or received
-    uint8_t knows_name; ///< under engine_lock: the peer's name was asked for
+    int32_t last_error;   ///< atomic: SSL_get_error() of the last operation
+    uint8_t has_failed;   ///< atomic: nothing more can be sent or received
+    uint8_t knows_name;   ///< under engine_lock: the peer's name was asked for
+    uint8_t writer_sends; ///< under engine_lock: a writer is going to send all of write_bio
 
     tlsu_conn_if_ex extra;  ///< what the creator asked for, zeros replaced; its base is unused
     uint32_t pending_count; ///< listening sessions
@@ -120,7 +121,7 @@ outcome classify(tlsu_session &tls, int result);
 bool is_handshake_finished(tlsu_session &tls);
 
 /** One step of the handshake. What it wants to send is sent, an alert as well. */
-outcome do_ssl_handshake(tlsu_session &tls, bool waits_for_sender);
+outcome do_ssl_handshake(tlsu_session &tls, bool is_writer);
 
 /** Work on the handshake until it is finished, its time is up or the thread is asked to stop. Does
  *  nothing when it is finished already.
@@ -132,9 +133,10 @@ int finish_handshake(tlsu_session &tls);
 int advance(tlsu_session &tls, uint32_t timeout_ms);
 
 /** Send what OpenSSL wants to be sent.
- *  @param waits_for_sender  wait for another thread that is sending; else leave the bytes to it
+ *  @param is_writer  true: wait for another thread that is sending; false: leave the bytes to it,
+ *                    and to a writer that has bytes of its own there
  *  @return false on failure, which ends the session */
-bool send_pending(tlsu_session &tls, bool waits_for_sender);
+bool send_pending(tlsu_session &tls, bool is_writer);
 
 } // namespace tlsu
 
