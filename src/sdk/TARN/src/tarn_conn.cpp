@@ -70,7 +70,8 @@ int clamp_length(size_t length)
 // ---- callbacks that run ---------------------------------------------------------------------------
 
 std::mutex callback_lock;
-std::condition_variable callback_ended;
+tarn::immortal<std::condition_variable> immortal_event;
+std::condition_variable &callback_ended = immortal_event.get();
 
 void end_callback(tarn::callback_count &count)
 {

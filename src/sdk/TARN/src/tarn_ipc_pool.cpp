@@ -10,6 +10,7 @@
 #include "tarn_ipc_internal.h"
 #include "tarn_modules.h"
 #include "tarn_os.h"
+#include "tarn_raii.h"
 #include "tarn_thread_pool.h"
 
 #include <chrono>
@@ -37,7 +38,8 @@ struct handler_pool
     uint32_t waiting = 0;  ///< receiving threads before a full queue
     bool starting = false; ///< one of them has not looked into the queue yet
 };
-handler_pool pool;
+tarn::immortal<handler_pool> immortal_pool;
+handler_pool &pool = immortal_pool.get();
 
 void *worker_proc(void *, void *);
 

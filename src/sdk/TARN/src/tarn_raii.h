@@ -9,6 +9,7 @@
 #include "tarn_critical_section.h"
 
 #include <mutex>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -171,6 +172,27 @@ public:
 
 private:
     std::mutex mutex_;
+};
+
+/** An object of static storage that is never destroyed, because threads may use it while main() and
+ *  the functions behind it return. */
+template <typename T>
+class immortal
+{
+public:
+    immortal()
+    {
+        ::new (storage_) T();
+    }
+    immortal(const immortal &) = delete;
+    immortal &operator=(const immortal &) = delete;
+    [[nodiscard]] T &get() noexcept
+    {
+        return *std::launder(reinterpret_cast<T *>(storage_));
+    }
+
+private:
+    alignas(T) unsigned char storage_[sizeof(T)];
 };
 
 /** Holds a static_mutex for its scope. */
