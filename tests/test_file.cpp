@@ -179,10 +179,10 @@ TARN_TEST_ROLE(bad_disks)
     {
         std::printf("refused\n");
     }
-    (void)::seteuid(65534);
+    [[maybe_unused]] const int lowered = ::seteuid(65534);
     const std::string locked = args[0] + "/locked";
     std::printf("%s%s\n", write(locked + "/file", "x"), write(locked + "/deep/file", "x"));
-    (void)::seteuid(::getuid()); // a leak checker needs the rights
+    [[maybe_unused]] const int raised = ::seteuid(::getuid()); // a leak checker needs the rights
     return 0;
 }
 

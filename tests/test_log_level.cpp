@@ -68,7 +68,7 @@ TARN_TEST_ROLE(level_monitor)
     tarn_log_level_set(TARN_LOG_LEVEL_DEBUG);
     if (args.size() > 1)
     {
-        (void)::seteuid(65534);
+        [[maybe_unused]] const int lowered = ::seteuid(65534);
     }
     const int rc = tarn_log_level_monitor_start();
     if (rc == 0 && tarn_log_level_monitor_start() >= 0)
@@ -82,7 +82,7 @@ TARN_TEST_ROLE(level_monitor)
         TARN_LOG_WARN("a warning");
         TARN_LOG_FATAL("%.*s", static_cast<int>(line.find('\n')), line.c_str());
     }
-    (void)::seteuid(::getuid()); // a leak checker needs the rights
+    [[maybe_unused]] const int raised = ::seteuid(::getuid()); // a leak checker needs the rights
     tarn_uninit();
     return 0;
 }

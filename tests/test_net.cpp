@@ -191,10 +191,10 @@ TARN_TEST_ROLE(physical)
         for (int i = 30; i >= 10; --i)
         {
             const std::string entry = "/sys/class/net/eth" + std::to_string(i);
-            (void)::symlink("../../devices/pci0/net/x", entry.c_str());
+            expect(::symlink("../../devices/pci0/net/x", entry.c_str()) == 0, __LINE__);
         }
-        (void)::symlink("../../devices/virtual/net/e0", "/sys/class/net/e0");
-        (void)::symlink("../../devices/pci0/net/x", "/sys/class/net/eth1");
+        expect(::symlink("../../devices/virtual/net/e0", "/sys/class/net/e0") == 0, __LINE__);
+        expect(::symlink("../../devices/pci0/net/x", "/sys/class/net/eth1") == 0, __LINE__);
         (void)shell("ip link add eth30 type veth peer name eth10");
         name = static_cast<char *>(tarn_mem_alloc(8));
         std::vector<std::thread> threads;
