@@ -564,6 +564,10 @@ bool shmx_blk_free_by_creator(TARN_SHMX shmx, block_offset block, uint32_t owner
 block_offset shmx_blk_alloc(TARN_SHMX shmx, uint32_t size);
 bool shmx_blk_free(TARN_SHMX shmx, block_offset block);
 
+/** Check the zones against the size of the mapping, and keep in the view what was checked.
+ *  @return false, with a line, when they do not fit or it is no heap */
+bool shmx_map_zones(TARN_SHMX shmx);
+
 /** False, with a line, in a child of the process that made the handle: its records are copies. */
 bool shmx_is_in_own_process(TARN_SHMX shmx);
 
